@@ -1,0 +1,98 @@
+// Value layouts: categories, makers and the universal cells.
+//
+// Every value of the language is a cell of kind MMM_NODE whose raw data begins with a
+// signed 16-bit category and a 16-bit flags field.
+#pragma once
+
+#include <cstring>
+#include <string_view>
+
+#include "MMM_heap.h"
+
+enum MMM_category_id : int16_t {
+    CAT_BIG_INT = 1,  // integer beyond one word; its domain name is DOM_INT
+    DOM_FLOAT = 2,
+    DOM_INT = 3,
+    DOM_RAT = 4,
+    DOM_COMPLEX = 6,
+    DOM_INTERVAL = 8,
+    DOM_STRING = 10,
+    DOM_BOOL = 11,
+    DOM_NULL = 13,
+    DOM_NIL = 14,
+    CAT_NAME = 18,
+    DOM_FRAME = 19,
+    DOM_IDENT = 20,
+    DOM_SET = 21,
+    DOM_LIST = 23,
+    DOM_ARRAY = 24,
+    DOM_TABLE = 25,
+    DOM_EXPR = 26,
+    DOM_FUNC_ENV = 27,
+    DOM_VAR = 28,
+    DOM_PROC_ENV = 29,
+    DOM_EXEC = 31,
+    DOM_DEBUG = 32,
+    DOM_PROC = 33,
+    DOM_POLY = 34,
+    DOM_DOMAIN = 35,
+    DOM_EXT = 36,
+    DOM_FAIL = 37,
+    DOM_RPOLY = 40,
+    DOM_NAMESPACE = 41,
+    DOM_BYTECODE = 42,
+};
+constexpr int MMM_CATEGORY_COUNT = 50;
+
+// Category number to its type name ("DOM_INT", ...), or nullptr for a row without one.
+const char* MMM_category_name(int category);
+
+// The numbers a DOM_BOOL stores.
+constexpr int MMM_BOOL_FALSE = 3;
+constexpr int MMM_BOOL_UNKNOWN = 4;
+constexpr int MMM_BOOL_TRUE = 5;
+
+// Node raw data: category, flags.
+constexpr long MMM_NODE_BYTES = 4;
+
+inline int16_t MMM_category(Cell c) {
+    int16_t cat;
+    std::memcpy(&cat, c->data, sizeof cat);
+    return cat;
+}
+inline uint16_t MMM_node_flags(Cell c) {
+    uint16_t f;
+    std::memcpy(&f, c->data + 2, sizeof f);
+    return f;
+}
+inline void MMM_set_node_flags(Cell c, uint16_t f) { std::memcpy(c->data + 2, &f, sizeof f); }
+inline bool MMM_is_node(Cell c, int category) {
+    return MMM_kind_of(c) == MMM_NODE && MMM_category(c) == category;
+}
+
+// A value node of the category with `child_count` uninitialised children and flags 0.
+Cell MMM_new_node(int category, long child_count);
+
+// Bare cells.
+Cell MMM_new_string(std::string_view text);  // MMM_STRING: length, bytes, a terminating 0
+std::string_view MMM_string_view(Cell s);     // of an MMM_STRING
+Cell MMM_make_int_box(int32_t n);             // MMM_INT
+int32_t MMM_int_box_value(Cell c);
+
+// Value makers: refcount 1, signed where finished.
+Cell MMM_make_expr(long child_count);  // DOM_EXPR, children uninitialised
+Cell MMM_make_list(long n);            // DOM_LIST, children uninitialised
+Cell MMM_make_string(std::string_view text);
+Cell MMM_make_bool(int stored);  // gives the universal cell; refuses other numbers with 1103
+
+// The universal cells, compared by address. (NULL, TRUE and FALSE are macro names in C
+// and C++, so the kernel spells them with the module prefix.)
+extern Cell MMM_NIL;
+extern Cell MMM_NULL;
+extern Cell MMM_FAIL;
+extern Cell MMM_TRUE;
+extern Cell MMM_UNKNOWN;
+extern Cell MMM_FALSE;
+
+// Makes the universal cells and registers them as roots.
+void MMM_values_start();

@@ -1,0 +1,255 @@
+// Start, end and housekeeping of the session.
+#include "MSE_session.h"
+
+#include <cstdlib>
+#include <new>
+
+#include "MAR_pari.h"
+#include "MER_error.h"
+#include "MMM_heap.h"
+#include "MMM_values.h"
+
+MSE_session_record MSE_session;
+MSE_preferences MSE_pref;
+FILE* MSE_output = stdout;
+MSE_frontend_hooks MSE_frontend;
+MSE_limits_record MSE_limits;
+
+namespace {
+
+enum class State { before_start, running, stopped };
+State state = State::before_start;
+
+int tick_nesting = 0;
+long tick_count = 0;
+std::vector<void (*)()> tidy_hooks;
+uint64_t tidy_bytes = 0;
+uint64_t tidy_cells = 0;
+
+// Report: the user's 1 to 9 stand for these tick counts.
+const long report_ticks[9] = {2400, 1200, 600, 120, 80, 40, 20, 10, 2};
+
+bool batch_to_file() { return !MSE_session.batch_output.empty() && MSE_session.batch_output != "-"; }
+
+void fatal_out_of_memory() { MSE_fatal("Out of memory."); }
+
+// Allocation failure in a live session is a raisable error; a failure while that error
+// is being recovered from ends the process.
+void raise_out_of_memory() {
+    if (MER_pending == 1300) MSE_fatal("Out of memory.");
+    MER_raise(1300, nullptr);
+}
+
+void new_handler_live() {
+    if (MER_pending == 1300 || !MSE_session.modules_up) fatal_out_of_memory();
+    MER_raise(1300, nullptr);
+}
+
+// An error that reaches the outermost guard ends the process.
+[[noreturn]] void outermost(long code) {
+    if (code == 1300) MSE_fatal("Out of memory.");
+    if (code == 1102) MSE_fatal("User interrupt.");
+    char text[64];
+    std::snprintf(text, sizeof text, "Internal error [%ld].", code);
+    MSE_fatal(text);
+}
+
+void start_modules() {
+    MSE_session.modules_up = true;
+    MMM_values_start();
+    MAR_start(MSE_session.stack_size, MSE_session.prime_limit);
+}
+
+}  // namespace
+
+void MSE_alert(const std::string& text, const char* severity) {
+    std::fflush(nullptr);
+    // The operator's alert on this platform is the standard error stream.
+    std::fprintf(stderr, "%s\n", text.c_str());
+    std::fflush(stderr);
+    if (batch_to_file() && MSE_output && MSE_output != stdout) {
+        const bool stop = std::string_view(severity) == "stop";
+        std::fprintf(MSE_output, "%s%s\n", stop ? "Fatal Error: " : "Error: ", text.c_str());
+        std::fflush(MSE_output);
+    }
+}
+
+[[noreturn]] void MSE_fatal(const std::string& text) {
+    MSE_alert(text, "stop");
+    std::fflush(nullptr);
+    std::_Exit(1);
+}
+
+[[noreturn]] void MSE_exit(int code) {
+    std::fflush(nullptr);
+    std::_Exit(code);
+}
+
+MSE_start_result MSE_start(int argc, char** argv) {
+    if (state == State::running) return MSE_ALREADY_RUNNING;
+    MSE_set_defaults(argc > 0 ? argv[0] : nullptr);
+    MSE_session.start_real = MSE_monotonic_ms();
+    MSE_session.start_cpu = MSE_cpu_ms();
+    try {
+        MSE_session.old_new_handler = std::set_new_handler(new_handler_live);
+        MSE_install_signal_handlers();
+
+        MSE_session.in_early_setup = true;
+        MMM_init(MSE_poll);
+        MMM_set_memory_handler(fatal_out_of_memory);
+        MMM_set_ceiling_handler(fatal_out_of_memory);
+        MMM_open(0);
+        MSE_session.in_boot = true;
+        MSE_session.in_early_setup = false;
+
+        const int left = MSE_parse_options(argc, argv);
+        MSE_output = MSE_session.std_out;
+        char** files = argv + (argc - left);
+
+        // A client would send its init message here; on the terminal the kernel is its
+        // own client and goes straight on.
+        MSE_session.help_index = MSE_session.help_index.empty() ? "mhelp.idx" : MSE_session.help_index + "/mhelp.idx";
+
+        start_modules();
+        state = State::running;
+
+        if (MSE_session.control_state == 2) return MSE_FINISHED;
+        MSE_read_init_files(left, files);
+        MSE_tidy();
+        if (MSE_session.control_state == 2 || !MSE_session.batch_output.empty()) return MSE_FINISHED;
+        MSE_poll();
+        MMM_set_memory_handler(raise_out_of_memory);
+        MMM_set_ceiling_handler(raise_out_of_memory);
+        return MSE_RUNNING;
+    } catch (const MER_exception& e) {
+        outermost(e.code);
+    }
+}
+
+void MSE_stop(int exit_code, bool end_process) {
+    try {
+        std::fflush(MSE_output);
+        MMM_set_memory_handler(fatal_out_of_memory);
+        if (!MSE_session.in_boot && !MSE_session.in_early_setup && state == State::running) {
+            if (MSE_output && MSE_output != stdout && MSE_output != stderr) std::fclose(MSE_output);
+            MSE_output = stdout;
+            MAR_stop();
+            MMM_shutdown();
+        }
+        state = State::stopped;
+        MSE_watchdog_cancel();
+        MSE_remove_signal_handlers();
+        std::set_new_handler(MSE_session.old_new_handler);
+    } catch (const MER_exception& e) {
+        outermost(e.code);
+    }
+    if (end_process) MSE_exit(exit_code);
+}
+
+// ---- housekeeping ----
+
+void MSE_poll() {
+    if (MSE_watchdog_fired()) {
+        std::fflush(MSE_output);
+        std::fprintf(stderr, "Watchdog time exceeded.\n");
+        MSE_stop(2, true);
+    }
+    if (MSE_session.interrupt_pending && !MSE_session.interrupts_deferred) {
+        MSE_session.interrupt_pending = 0;
+        MER_raise(1102, nullptr);
+    }
+}
+
+void MSE_status_line() {
+    const long pari = MAR_stack_size();
+    const long used = long(MMM_used_bytes()) + pari;
+    const long reserved = long(MMM_reserved_bytes()) + pari;
+    const long seconds = (MSE_monotonic_ms() - MSE_limits.command_start_ms) / 1000;
+    std::fprintf(MSE_output, "[used=%ldk, reserved=%ldk, seconds=%ld]\n", used / 1000, reserved / 1000, seconds);
+    std::fflush(MSE_output);
+}
+
+void MSE_set_report(long user_value) {
+    MSE_limits.report_period = user_value >= 1 && user_value <= 9 ? report_ticks[user_value - 1] : user_value;
+    tick_count = 0;
+}
+
+long MSE_get_report() {
+    for (int i = 0; i < 9; ++i)
+        if (report_ticks[i] == MSE_limits.report_period) return i + 1;
+    return MSE_limits.report_period;
+}
+
+void MSE_tick() {
+    if (tick_nesting) return;
+    ++tick_nesting;
+    try {
+        if (MSE_limits.report_period > 0 && ++tick_count > MSE_limits.report_period) {
+            tick_count = 0;
+            MSE_status_line();
+        }
+        if (MSE_limits.maxmem &&
+            MMM_reserved_bytes() + uint64_t(MAR_stack_size()) >= MSE_limits.maxmem) {
+            --tick_nesting;
+            MER_raise(1044, "watchdog-memory");
+        }
+        if (MSE_limits.maxtime &&
+            MSE_monotonic_ms() >= MSE_limits.command_start_ms + MSE_limits.maxtime * 1000) {
+            --tick_nesting;
+            MER_raise(1044, "watchdog-time");
+        }
+        MSE_poll();
+        if (MSE_limits.callback) MSE_limits.callback();
+    } catch (...) {
+        tick_nesting = 0;
+        throw;
+    }
+    --tick_nesting;
+}
+
+void MSE_add_tidy_hook(void (*fn)()) { tidy_hooks.push_back(fn); }
+
+void MSE_tidy() {
+    const uint64_t bytes = MMM_used_bytes();
+    const uint64_t cells = MMM_live_cells();
+    const auto moved = [](uint64_t now, uint64_t then) { return now > then ? now - then : then - now; };
+    if (moved(bytes, tidy_bytes) < 0x7a121 && moved(cells, tidy_cells) < 0x186a1) {
+        tidy_cells = cells;
+        return;
+    }
+    tidy_bytes = bytes;
+    tidy_cells = cells;
+    for (auto fn : tidy_hooks) fn();
+}
+
+void MSE_recover(bool clear_error) {
+    if (MER_pending == 1014) MSE_stop(1, true);
+    if (MSE_frontend.reset_evaluator) MSE_frontend.reset_evaluator();
+    MAR_reset_stack();
+    MSE_session.control_state = MSE_session.control_state == 2 ? 2 : 0;
+    if (MER_pending == 1300) {
+        // Memory is back only after the sweep; the report could not be made before.
+        MMM_mark_all();
+        MMM_sweep();
+        MSE_error_report(1300, nullptr);
+    }
+    if (clear_error) MER_pending = 0;
+}
+
+void MSE_write_report(long number, const std::string& text) {
+    FILE* out = number == 1014 ? MSE_session.std_err : MSE_output;
+    if (!out) out = stdout;
+    std::fprintf(out, "%s\n", text.c_str());
+    std::fflush(out);
+}
+
+namespace {
+void report_va(long code, const char* text, ...) {
+    va_list args;
+    va_start(args, text);
+    MER_report(code, text, args);
+    va_end(args);
+}
+}  // namespace
+
+void MSE_error_report(long code, const char* text) { report_va(code, text); }

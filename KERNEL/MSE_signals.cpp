@@ -1,0 +1,159 @@
+// Signals and timers. Handlers only set flags; MSE_poll acts on them. The exception is a
+// machine fault, which cannot be resumed: it ends the process with a message.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "MSE_session.h"
+
+namespace {
+
+volatile std::sig_atomic_t watchdog_flag = 0;
+timer_t watchdog_timer;
+bool watchdog_armed = false;
+constexpr int WATCHDOG_SIGNAL = SIGALRM;
+constexpr long WATCHDOG_GRACE_MS = 1000;
+
+char* alt_stack = nullptr;
+uintptr_t stack_top = 0;
+uintptr_t stack_limit = 0;
+
+void write_stderr(const char* text) {
+    size_t n = std::strlen(text);
+    while (n) {
+        const ssize_t w = ::write(2, text, n);
+        if (w <= 0) return;
+        text += w;
+        n -= size_t(w);
+    }
+}
+
+void on_interrupt(int) { MSE_session.interrupt_pending = 1; }
+
+void arm(long ms) {
+    itimerspec spec{};
+    spec.it_value.tv_sec = ms / 1000;
+    spec.it_value.tv_nsec = (ms % 1000) * 1000000L;
+    if (ms <= 0) spec.it_value.tv_nsec = 1;  // an expiry of zero would disarm the timer
+    timer_settime(watchdog_timer, 0, &spec, nullptr);
+}
+
+// The first expiry asks MSE_poll to stop the session. If nothing polls within the grace
+// period (the kernel waits for input, or is stuck in a long native computation), the
+// second expiry ends the process itself.
+void on_watchdog(int) {
+    if (!watchdog_flag) {
+        watchdog_flag = 1;
+        arm(WATCHDOG_GRACE_MS);
+        return;
+    }
+    write_stderr("Watchdog time exceeded.\n");
+    ::_exit(2);
+}
+
+bool is_stack_overflow(uintptr_t addr) {
+    if (!stack_top) return false;
+    const uintptr_t slack = 1 << 20;
+    return addr < stack_top && addr + stack_limit + slack >= stack_top;
+}
+
+void on_fault(int sig, siginfo_t* info, void*) {
+    if (sig == SIGSEGV && is_stack_overflow(reinterpret_cast<uintptr_t>(info->si_addr))) {
+        write_stderr("Stack overflow.\n");
+    } else {
+        char text[64];
+        static const char hex[] = "0123456789ABCDEF";
+        const char* head = "Fatal internal error. [";
+        size_t n = 0;
+        for (const char* p = head; *p; ++p) text[n++] = *p;
+        for (int shift = 28; shift >= 0; shift -= 4) text[n++] = hex[(unsigned(sig) >> shift) & 0xf];
+        text[n++] = ']';
+        text[n++] = '\n';
+        text[n] = 0;
+        write_stderr(text);
+    }
+    ::_exit(1);
+}
+
+void set_handler(int sig, void (*fn)(int), int flags) {
+    struct sigaction sa {};
+    sa.sa_handler = fn;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = flags;
+    sigaction(sig, &sa, nullptr);
+}
+
+}  // namespace
+
+long MSE_monotonic_ms() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return long(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+long MSE_cpu_ms() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return long(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void MSE_install_signal_handlers() {
+    set_handler(SIGINT, on_interrupt, SA_RESTART);
+    set_handler(WATCHDOG_SIGNAL, on_watchdog, SA_RESTART);
+
+    // Faults run on an alternate stack, so that a stack overflow can still be reported.
+    const size_t alt_size = 64 * 1024;
+    if (!alt_stack) alt_stack = static_cast<char*>(std::malloc(alt_size));
+    if (alt_stack) {
+        stack_t ss{};
+        ss.ss_sp = alt_stack;
+        ss.ss_size = alt_size;
+        sigaltstack(&ss, nullptr);
+    }
+    int here = 0;
+    stack_top = reinterpret_cast<uintptr_t>(&here);
+    rlimit rl{};
+    stack_limit = getrlimit(RLIMIT_STACK, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY ? rl.rlim_cur : (8u << 20);
+    struct sigaction sa {};
+    sa.sa_sigaction = on_fault;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESETHAND;
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigaction(sig, &sa, nullptr);
+}
+
+void MSE_remove_signal_handlers() {
+    for (int sig : {SIGINT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) set_handler(sig, SIG_DFL, 0);
+}
+
+bool MSE_watchdog_start(long seconds) {
+    MSE_watchdog_cancel();
+    set_handler(WATCHDOG_SIGNAL, on_watchdog, SA_RESTART);
+    sigevent ev{};
+    ev.sigev_notify = SIGEV_SIGNAL;
+    ev.sigev_signo = WATCHDOG_SIGNAL;
+    if (timer_create(CLOCK_MONOTONIC, &ev, &watchdog_timer) != 0) {
+        MSE_alert("Could not get a timer.", "warning");
+        return false;
+    }
+    watchdog_armed = true;
+    watchdog_flag = 0;
+    // The milliseconds are counted as x5, x5, x40, as the option always has.
+    constexpr long max_seconds = 1000000000L;  // some thirty years
+    arm((seconds < max_seconds ? seconds : max_seconds) * 5 * 5 * 40);
+    return true;
+}
+
+void MSE_watchdog_cancel() {
+    if (!watchdog_armed) return;
+    timer_delete(watchdog_timer);
+    watchdog_armed = false;
+    watchdog_flag = 0;
+}
+
+bool MSE_watchdog_fired() { return watchdog_flag != 0; }
