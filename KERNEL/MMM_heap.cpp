@@ -143,7 +143,7 @@ void unlink_big(BigLinks* l) {
 }
 
 // Gives back the storage of a cell whose children have been dealt with.
-void free_storage(Cell c) {
+inline void free_storage(Cell c) {
     --heap.live_cells;
     if (c->flags & MMM_POOL) {
         const uint32_t cls = class_of_flags(c->flags);
@@ -580,14 +580,14 @@ Cell MMM_new_zeroed(unsigned kind, long data_bytes, long child_count) {
 void MMM_release_walk(Cell c) {
     WorkStack& st = release_stack;
     const size_t base = st.count;  // a walk may start while another is in progress
-    st.push(c);
-    while (st.count > base) {
-        Cell x = st.pop();
-        for (Cell* p = MMM_children(x); p < MMM_children_end(x); ++p) {
+    for (;;) {
+        for (Cell* p = MMM_children(c); p < MMM_children_end(c); ++p) {
             Cell y = *p;
             if (y && y->refcount && --y->refcount == 0) st.push(y);
         }
-        free_storage(x);
+        free_storage(c);
+        if (st.count == base) return;
+        c = st.pop();
     }
 }
 
