@@ -5,32 +5,107 @@
 #include "MAR_pari.h"
 
 #include <pari/pari.h>
+#include <sys/mman.h>
+
+#include <climits>
+#include <cstring>
+#include <string>
 
 #include "MER_error.h"
+#include "MSE_session.h"
+
+pari_sp MAR_stack_mark = 0;
+int MAR_poll_countdown = 1023;
 
 namespace {
 
 bool started = false;
+MAR_poll_fn poll_routine = nullptr;
+
+// The kernel's numbers for PARI's error classes. PARI 2.15 numbers its errors by class
+// (enum err_list), the kernel by the finer numbers its error texts are filed under.
+// A row with an operation applies when PARI names that operation (a prefix of it) as
+// the first part of the error; the first matching row wins, so the rows with an
+// operation stand before the row of the class without one. A class without a row is a
+// failure the kernel does not expect: 999, which asks for a report.
+struct Translation {
+    long pari_class;
+    const char* operation;
+    long number;
+};
+const Translation translations[] = {
+    {e_STACK, nullptr, 44},                   // stack overflow: doubling, see below
+    {e_STACKTHREAD, nullptr, 44},
+    {e_MEM, nullptr, 360},                    // "Fatal PARI error: Out of memory"
+    {e_OVERFLOW, "t_REAL->double", 45},       // "Can't convert to double (out of range)"
+    {e_OVERFLOW, nullptr, 8},                 // "Overflow/underflow in arithmetical operation"
+    {e_PREC, nullptr, 11},                    // "Loss of precision"
+    {e_INV, "Fp_", 103},                      // "Modular inverse does not exist"
+    {e_INV, "Fl_", 103},
+    {e_INV, nullptr, 31},                     // "Division by zero"
+    {e_DOMAIN, "gpow(0,n)", 31},              // 0 to a power with non-positive real part
+    {e_DOMAIN, nullptr, 499},                 // "singularity": poles of log, gamma, zeta, psi
+    {e_TYPE2, "comparison", 282},             // "Complex arguments are not allowed in comparisons"
+    {e_TYPE2, "%", 315},                      // "Illegal argument in div or mod"
+    {e_TYPE2, "\\", 315},
+    {e_OP, "%", 315},
+    {e_OP, "\\", 315},
+    {e_TYPE, "gmod", 315},
+    {e_TYPE, "gdivent", 315},
+    {e_MAXPRIME, nullptr, 118},               // "Not enough precalculated primes"
+};
+constexpr long UNEXPECTED = 999;
+
+bool operation_matches(const char* row, const char* operation) {
+    if (!row) return true;
+    return operation && std::strncmp(operation, row, std::strlen(row)) == 0;
+}
+
+// The stack ran out: a stack of twice the size replaces it, and the running computation
+// is abandoned with the report of the new size. PARI 2.15 keeps its universal constants
+// outside the stack, so there is nothing to recreate on it.
+[[noreturn]] void double_the_stack() {
+    const size_t old_size = pari_mainstack->rsize;
+    if (old_size > size_t(LONG_MAX) / 2) MER_raise(363, nullptr);
+    const size_t new_size = old_size * 2;
+    // PARI would quietly settle for a smaller stack if the space is not there; ask first.
+    void* probe = mmap(nullptr, new_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (probe == MAP_FAILED) MER_raise(363, nullptr);
+    munmap(probe, new_size);
+    paristack_setsize(new_size, 0);
+    MAR_stack_mark = avma;
+    if (pari_mainstack->rsize < new_size) MER_raise(363, nullptr);
+    MER_raise(44, nullptr, long(new_size / 1024));
+}
 
 int raise_pari_error(GEN err) {
     const long pari_class = err_get_num(err);
-    MER_raise(MAR_error_number(pari_class), nullptr, MAR_stack_size() / 1024);
+    if (pari_class == e_STACK || pari_class == e_STACKTHREAD) double_the_stack();
+    const char* operation = nullptr;
+    if (lg(err) > 2 && typ(err_get_compo(err, 1)) == t_STR) operation = GSTR(err_get_compo(err, 1));
+    const long number = MAR_error_number(pari_class, operation);
+    if (number == 360) MSE_fatal("Fatal PARI error: Out of memory");
+    if (number != UNEXPECTED) MER_raise(number, nullptr);
+    // An unexpected failure carries PARI's own words, for the report.
+    std::string words;
+    if (char* text = pari_err2str(err)) {
+        words = text;
+        pari_free(text);
+    }
+    MER_raise(UNEXPECTED, words.c_str());
 }
 
 }  // namespace
 
-long MAR_error_number(long pari_class) {
-    switch (pari_class) {
-    case e_INV: return 23;       // "Division by zero"
-    case e_OVERFLOW: return 8;   // "Overflow/underflow in arithmetical operation"
-    case e_PREC: return 11;      // "Loss of precision"
-    case e_STACK: return 44;     // stack overflow; doubling follows with the number tower
-    case e_MEM: return 363;
-    case e_MAXPRIME: return 118;
-    case e_DOMAIN: return 499;   // "singularity"
-    default: return 999;         // a failure the kernel does not expect: asks for a report
-    }
+long MAR_error_number(long pari_class, const char* operation) {
+    for (const Translation& t : translations)
+        if (t.pari_class == pari_class && operation_matches(t.operation, operation)) return t.number;
+    return UNEXPECTED;
 }
+
+long MAR_error_number(long pari_class) { return MAR_error_number(pari_class, nullptr); }
+
+[[noreturn]] void MAR_pari_error(long number) { MER_raise(number, nullptr, MAR_stack_size() / 1024); }
 
 void MAR_start(long stack_size, long prime_limit) {
     if (started) return;
@@ -38,6 +113,7 @@ void MAR_start(long stack_size, long prime_limit) {
     // jump to a PARI top level, they reach cb_pari_err_handle.
     pari_init_opts(size_t(stack_size), ulong(prime_limit), INIT_DFTm);
     cb_pari_err_handle = raise_pari_error;
+    MAR_stack_mark = avma;
     started = true;
 }
 
@@ -49,8 +125,19 @@ void MAR_stop() {
 
 bool MAR_started() { return started; }
 
+void MAR_reset_to_mark() { set_avma(MAR_stack_mark); }
+
 void MAR_reset_stack() {
-    if (started) set_avma(pari_mainstack->top);
+    if (!started) return;
+    set_avma(pari_mainstack->top);
+    MAR_stack_mark = avma;
 }
 
-long MAR_stack_size() { return started ? long(pari_mainstack->size) : 0; }
+long MAR_stack_size() { return started ? long(pari_mainstack->rsize) : 0; }
+
+void MAR_set_poll(MAR_poll_fn fn) { poll_routine = fn; }
+
+void MAR_poll() {
+    MAR_poll_countdown = 1023;
+    if (poll_routine) poll_routine();
+}

@@ -8,6 +8,7 @@
 
 #include "MER_error.h"
 #include "MMM_heap.h"
+#include "MPA_reader.h"
 #include "MSE_session.h"
 
 namespace {
@@ -41,28 +42,18 @@ MSE_message* take_first(bool commands) {
     return nullptr;
 }
 
-bool only_blank_or_comments(std::string_view text) {
-    size_t i = 0;
-    while (i < text.size()) {
-        const char c = text[i];
-        if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v') {
-            ++i;
-        } else if (c == '/' && i + 1 < text.size() && text[i + 1] == '/') {
-            while (i < text.size() && text[i] != '\n') ++i;
-        } else {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Hands text to the parser; errors leave to the caller's guard.
-void run_source(std::string_view text) {
+// Parses text and runs its statements; an error of the read leaves to the caller's guard.
+void run_source(std::string_view text, const std::string& file_name, bool command) {
     if (MSE_frontend.run_text) {
         MSE_frontend.run_text(text);
-    } else if (!only_blank_or_comments(text)) {
-        MER_raise(1035, "parser");
+        return;
     }
+    MPA_string_reader plain(text, false, 1);
+    MPA_session_reader session(text);
+    MPA_reader& reader = command ? static_cast<MPA_reader&>(session) : plain;
+    reader.file_name = file_name;
+    reader.run();
+    if ((reader.errors || reader.aborted) && MER_pending) throw MER_exception{MER_pending};
 }
 
 bool read_whole_file(const std::string& path, std::string& out) {
@@ -114,7 +105,7 @@ long run_batch_source(const char* name, const std::string* text) {
     MSE_session.control_state = 0;
     try {
         if (text) {
-            run_source(*text);
+            run_source(*text, "", false);
         } else {
             MSE_read_file(name);
         }
@@ -181,7 +172,7 @@ void MSE_run_text(std::string_view text) {
     const int control_state = MSE_session.control_state;
     const std::string read_file = MSE_session.current_read_file;
     try {
-        run_source(text);
+        run_source(text, "", true);
     } catch (const MER_exception&) {
         MSE_session.control_state = control_state == 2 ? 2 : MSE_session.control_state;
         MSE_session.current_read_file = read_file;
@@ -189,7 +180,7 @@ void MSE_run_text(std::string_view text) {
     }
 }
 
-void MSE_toplevel_eval(Cell statement, bool print) {
+Cell MSE_toplevel_eval(Cell statement, bool print) {
     MSE_session.control_state = 0;
     MSE_limits.command_start_ms = MSE_monotonic_ms();
     Cell value;
@@ -205,8 +196,10 @@ void MSE_toplevel_eval(Cell statement, bool print) {
         throw;
     }
     if (MSE_session.control_state != 2) MSE_session.control_state = 0;
+    MMM_retain(value);
     hold(value);
     if (print) MSE_print_result(value);
+    return value;
 }
 
 void MSE_print_result(Cell value) {
@@ -230,7 +223,7 @@ void MSE_read_file(const std::string& path) {
     const std::string outer = MSE_session.current_read_file;
     MSE_session.current_read_file = path;
     try {
-        run_source(text);
+        run_source(text, path, false);
     } catch (...) {
         MSE_session.current_read_file = outer;
         throw;

@@ -4,10 +4,14 @@
 #include <cstdlib>
 #include <new>
 
+#include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MER_error.h"
 #include "MMM_heap.h"
+#include "MMM_table.h"
+#include "MMM_ident.h"
 #include "MMM_values.h"
+#include "MPA_reader.h"
 
 MSE_session_record MSE_session;
 MSE_preferences MSE_pref;
@@ -57,7 +61,12 @@ void new_handler_live() {
 void start_modules() {
     MSE_session.modules_up = true;
     MMM_values_start();
+    MMM_table_start();
+    MMM_ident_start();
     MAR_start(MSE_session.stack_size, MSE_session.prime_limit);
+    MAR_init_numbers();
+    MAR_set_poll(MSE_poll);
+    MPA_start();
 }
 
 }  // namespace

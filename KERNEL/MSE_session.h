@@ -78,11 +78,10 @@ extern MSE_preferences MSE_pref;
 // Where results and reports go now: the standard output or the batch output file.
 extern FILE* MSE_output;
 
-// Where the kernel's front end plugs in. Until a hook is installed the road still runs:
-// command text with no statements does nothing, a value evaluates to itself, and
-// nothing is printed.
+// Where the evaluator and the printer plug into the road of a command. Until they are
+// installed a statement evaluates to itself and nothing is printed.
 struct MSE_frontend_hooks {
-    // Parses text and hands each complete statement to MSE_toplevel_eval.
+    // Replaces the parser: runs text, handing each statement to MSE_toplevel_eval.
     void (*run_text)(std::string_view text) = nullptr;
     // The evaluation entry; gives a new reference.
     Cell (*eval)(Cell statement) = nullptr;
@@ -136,8 +135,9 @@ private:
 void MSE_post(MSE_message* m);  // the queue takes ownership
 void MSE_main_loop(bool block);
 void MSE_run_text(std::string_view text);
-// Evaluates one top-level statement and, with `print`, prints its value.
-void MSE_toplevel_eval(Cell statement, bool print);
+// Evaluates one top-level statement and, with `print`, prints its value. Gives the
+// value (new reference).
+Cell MSE_toplevel_eval(Cell statement, bool print);
 void MSE_print_result(Cell value);
 
 // ---- files ----

@@ -24,7 +24,7 @@ void split_run(std::string_view text) {
         size_t end = text.find(';', start);
         if (end == std::string_view::npos) end = text.size();
         Cell stmt = MMM_make_string(text.substr(start, end - start));
-        MSE_toplevel_eval(stmt, true);
+        MMM_release(MSE_toplevel_eval(stmt, true));
         MMM_release(stmt);
         start = end + 1;
     }
@@ -48,12 +48,17 @@ void print_string(Cell v) { printed.emplace_back(MMM_string_view(MMM_child(v, 0)
 void note_finished(long id, void*) { finished.push_back(id); }
 
 std::string run_command(const std::string& text, long id) {
+    // The stand-in front end takes the place of parser, evaluator and printer.
+    MSE_frontend.run_text = split_run;
+    MSE_frontend.eval = eval_string;
+    MSE_frontend.print_result = print_string;
     printed.clear();
     FILE* out = std::tmpfile();
     MSE_output = out;
     MSE_post(new MSE_text_command(text, id, note_finished));
     MSE_main_loop(false);
     MSE_output = stdout;
+    MSE_frontend = MSE_frontend_hooks{};
     std::rewind(out);
     std::string text_out;
     char buf[512];
@@ -104,15 +109,3 @@ TEST(Road, OutOfMemoryFreesTheTemporariesBeforeItIsReported) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    ::testing::InitGoogleTest(&argc, argv);
-    std::string program = argv[0];
-    std::string lib = std::string(TORVA_TEST_DATA) + "/lib_ok";
-    std::vector<char*> args = {program.data(), const_cast<char*>("-f"), const_cast<char*>("-l"), lib.data()};
-    if (MSE_start(int(args.size()), args.data()) != MSE_RUNNING) return 1;
-    MSE_frontend.run_text = split_run;
-    MSE_frontend.eval = eval_string;
-    MSE_frontend.print_result = print_string;
-    return RUN_ALL_TESTS();
-}

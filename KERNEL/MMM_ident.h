@@ -1,0 +1,80 @@
+// Identifiers: interned names, the global namespace, bindings by frame, and frames.
+//
+// An identifier is one DOM_IDENT cell for each name, with identity: its value is not in
+// the cell but in a table from frames to bindings, so that one identifier can hold a
+// different value in each frame.
+#pragma once
+
+#include <string_view>
+
+#include "MMM_cell.h"
+
+// Children of an identifier body.
+enum MMM_ident_body_field {
+    MMM_IB_BINDINGS = 0,  // MMM_HASH: frame to binding
+    MMM_IB_LAST_FRAME = 1,
+    MMM_IB_LAST_BINDING = 2,
+    MMM_IB_SETTER = 3,  // environment variables only: MMM_CODE
+    MMM_IB_GETTER = 4,
+};
+
+// Binding flags, in the first raw word of a binding.
+constexpr uint32_t MMM_BIND_LEVEL_SHIFT = 16;
+constexpr uint32_t MMM_BIND_LEVEL_MASK = 7u << MMM_BIND_LEVEL_SHIFT;
+constexpr uint32_t MMM_BIND_PROPERTIES = 1u << 19;
+constexpr int MMM_PROTECT_NONE = 0;
+constexpr int MMM_PROTECT_WARNING = 1;
+constexpr int MMM_PROTECT_ERROR = 2;
+constexpr int MMM_PROTECT_USER = 3;
+constexpr int MMM_PROTECT_KERNEL = 4;
+
+// Flags of MMM_set_value.
+constexpr unsigned MMM_SET_PRIVILEGED = 4;  // passes protection levels 1 to 3 (sysassign)
+constexpr unsigned MMM_SET_NIL_DELETES = 8;
+
+// The interned MMM_STRING of a text: a borrowed reference, equal texts give one cell.
+Cell MMM_intern(std::string_view text);
+// A DOM_STRING whose bare string is interned (new reference).
+Cell MMM_string_value(std::string_view text);
+
+// Identifiers; each gives a new reference. `extra` is 1 for an ordinary identifier and
+// 3 for an environment variable (setter and getter).
+Cell MMM_ident(Cell name_string, int extra = 1);
+Cell MMM_ident_named(std::string_view text);
+Cell MMM_ident_exists(Cell name_string);  // borrowed, or nullptr
+Cell MMM_ident_by_id(int id);             // borrowed identifier of a built-in
+std::string_view MMM_ident_text(Cell ident);
+
+// Bindings.
+Cell MMM_binding_find(Cell ident, Cell frame);  // borrowed, or nullptr
+Cell MMM_binding_make(Cell ident, Cell frame);  // borrowed
+int MMM_binding_level(Cell binding);
+void MMM_binding_set_level(Cell binding, int level);
+
+// The value in the current frame chain (new reference), or nullptr for none.
+Cell MMM_value(Cell ident);
+// The value in this frame only, no walk (new reference or nullptr).
+Cell MMM_value_in(Cell ident, Cell frame, bool use_getter);
+// The single path of assignment; value nullptr deletes. Gives the old value (owned).
+Cell MMM_set_value(Cell ident, Cell value, unsigned flags, Cell frame);
+Cell MMM_set_value_checked(Cell ident, Cell value, unsigned flags, Cell frame, bool rerun);
+// The protection level in force for the identifier in the current frame chain.
+int MMM_protection(Cell ident);
+
+// Drops identifiers that nobody but the namespace holds and have no binding, and signs
+// the namespace again.
+void MMM_sign_idents();
+
+// ---- variables of procedures: one interned DOM_VAR cell for each (depth, index) ----
+Cell MMM_var(int depth, int index);  // borrowed
+int MMM_var_depth(Cell var);
+int MMM_var_index(Cell var);
+
+// ---- frames ----
+extern Cell MEV_root_frame;
+extern Cell MEV_current_frame;
+Cell MMM_frame_new(Cell parent, Cell name);  // new reference
+Cell MMM_frame_parent(Cell frame);           // borrowed; NIL above the root
+
+// Makes the string table, the namespace, the variable table and the root frame.
+void MMM_ident_start();
