@@ -5,7 +5,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 
-.PHONY: run test build setup asan bench bench-peers peers clean
+.PHONY: run test build setup asan bench fuzz fuzz-build fuzz-smoke clean
 
 setup:
 	@tools/setup.sh
@@ -19,7 +19,7 @@ build: setup $(BUILD)/build.ninja
 run: build
 	@$(BUILD)/torva/bin/torvkern
 
-test: build
+test: build fuzz-smoke
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 # The same tests under AddressSanitizer and UndefinedBehaviorSanitizer.
@@ -28,8 +28,30 @@ asan: setup
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure -j $(JOBS)
 
+# The parser under libFuzzer (clang, ASan, UBSan): a short run as part of the tests,
+# a long one on demand (FUZZ_SECONDS=3600 make fuzz).
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 600
+$(FUZZ_BUILD)/build.ninja: | setup
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DTORVA_FUZZ=ON -DTORVA_TESTS=OFF -DTORVA_BENCH=OFF >/dev/null
+
+fuzz-build: $(FUZZ_BUILD)/build.ninja
+	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target parser_fuzz
+
+fuzz-smoke: fuzz-build
+	@mkdir -p $(FUZZ_BUILD)/corpus
+	@$(FUZZ_BUILD)/parser_fuzz -max_total_time=20 -max_len=4096 -print_final_stats=0 \
+	  $(FUZZ_BUILD)/corpus tests/fuzz/corpus 2>$(FUZZ_BUILD)/fuzz.log \
+	  || (tail -60 $(FUZZ_BUILD)/fuzz.log; exit 1)
+	@echo "parser fuzz: $$(grep -c '' $(FUZZ_BUILD)/fuzz.log) log lines, no findings"
+
+fuzz: fuzz-build
+	@mkdir -p $(FUZZ_BUILD)/corpus
+	@$(FUZZ_BUILD)/parser_fuzz -max_total_time=$(FUZZ_SECONDS) $(FUZZ_BUILD)/corpus tests/fuzz/corpus
+
 bench: build
 	@$(BUILD)/bench/bench_heap
 
 clean:
-	@rm -rf $(BUILD) $(ASAN_BUILD)
+	@rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

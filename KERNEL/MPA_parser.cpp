@@ -212,24 +212,21 @@ Cell Parser::make_variable(int& level) {
         level = r_.proc_depth - 1 > 0 ? r_.proc_depth - 1 : 0;
         return retained(MMM_var(0, 1));
     }
+    // In an activation the locals come first, from index 2, and the parameters after
+    // them; names are looked for among the parameters first.
     int depth = 0;
     for (size_t s = r_.scope_params.size(); s-- > 0; ++depth) {
-        int k = 0;
-        for (Cell p : items_of(r_.scope_params[s])) {
-            if (p == id) {
-                MMM_release(id);
-                level = depth;
-                return retained(MMM_var(depth, k + 2));
-            }
-            ++k;
-        }
-        for (Cell l : items_of(r_.scope_locals[s])) {
-            if (l == id) {
-                MMM_release(id);
-                level = depth;
-                return retained(MMM_var(depth, k + 2));
-            }
-            ++k;
+        const std::vector<Cell> params = items_of(r_.scope_params[s]);
+        const std::vector<Cell> locals = items_of(r_.scope_locals[s]);
+        int index = -1;
+        for (size_t k = 0; k < params.size() && index < 0; ++k)
+            if (params[k] == id) index = int(locals.size() + k) + 2;
+        for (size_t k = 0; k < locals.size() && index < 0; ++k)
+            if (locals[k] == id) index = int(k) + 2;
+        if (index >= 0) {
+            MMM_release(id);
+            level = depth;
+            return retained(MMM_var(depth, index));
         }
     }
     return id;
@@ -359,8 +356,8 @@ Cell Parser::arrow_procedure(Cell params, int& level) {
         } else if (MMM_is_node(p, DOM_VAR)) {
             const int depth = MMM_var_depth(p), index = MMM_var_index(p);
             const size_t s = r_.scope_params.size() - 1 - size_t(depth);
-            std::vector<Cell> all = items_of(r_.scope_params[s]);
-            for (Cell l : items_of(r_.scope_locals[s])) all.push_back(l);
+            std::vector<Cell> all = items_of(r_.scope_locals[s]);
+            for (Cell p2 : items_of(r_.scope_params[s])) all.push_back(p2);
             if (index >= 2 && size_t(index - 2) < all.size()) names.push_back(retained(all[size_t(index - 2)]));
             else ok = false;
         } else {

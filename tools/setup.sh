@@ -5,7 +5,7 @@
 #   tools/setup.sh --peers  also the peer systems the benchmark harness compares with
 set -euo pipefail
 
-pkgs=(build-essential cmake ninja-build ccache pkg-config
+pkgs=(build-essential cmake ninja-build ccache pkg-config clang libclang-rt-14-dev
       libpari-dev libexpat1-dev libcrypto++-dev libtirpc-dev libreadline-dev
       libgtest-dev libgmock-dev libbenchmark-dev)
 if [ "${1:-}" = "--peers" ]; then

@@ -262,12 +262,16 @@ TEST(Parser, ProceduresResolveTheirNamesToVariables) {
               "_procdef(NIL, NIL, NIL, NIL, NIL, NIL, NIL, NIL, NIL, NIL, FAIL, NIL)");
     EXPECT_EQ(tree("proc(x, y = 2 : DOM_INT) : Type local a, b; option remember; begin a := x + y + g; procname end"),
               "_procdef(_exprseq(x, y), _exprseq(a, b), remember, "
-              "_stmtseq(_assign(DOM_VAR(0, 4), _plus(DOM_VAR(0, 2), DOM_VAR(0, 3), g)), DOM_VAR(0, 0)), NIL, "
+              "_stmtseq(_assign(DOM_VAR(0, 2), _plus(DOM_VAR(0, 4), DOM_VAR(0, 5), g)), DOM_VAR(0, 0)), NIL, "
               "_exprseq(NIL, DOM_INT), Type, NIL, _exprseq(NIL, 2), NIL, FAIL, NIL)");
     EXPECT_EQ(tree("f := x -> y -> x"),
               "_assign(f, _procdef(x, NIL, arrow, _procdef(y, NIL, arrow, DOM_VAR(1, 2), NIL, NIL, NIL, NIL, NIL, NIL, "
               "FAIL, NIL), NIL, NIL, NIL, NIL, NIL, NIL, FAIL, NIL))");
     EXPECT_EQ(tree("(x, y) -> x"), "_procdef(_exprseq(x, y), NIL, arrow, DOM_VAR(0, 2), NIL, NIL, NIL, NIL, NIL, NIL, FAIL, NIL)");
+    // A local of the procedure around taken as the parameter of an arrow.
+    EXPECT_EQ(tree("proc(p) local v; begin v -> v + p end"),
+              "_procdef(p, v, NIL, _procdef(v, NIL, arrow, _plus(DOM_VAR(0, 2), DOM_VAR(1, 3)), NIL, NIL, NIL, NIL, "
+              "NIL, NIL, FAIL, NIL), NIL, NIL, NIL, NIL, NIL, NIL, FAIL, NIL)");
     Parsed p = parse("proc() option fast; begin end");
     EXPECT_EQ(p.output, "Error: line 1, col 19: Unknown procedure option 'fast'\n");
     p = parse("1 -> 2");
