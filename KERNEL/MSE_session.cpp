@@ -6,6 +6,8 @@
 
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
+#include "MEV_eval.h"
+#include "MFN_env.h"
 #include "MER_error.h"
 #include "MMM_heap.h"
 #include "MMM_table.h"
@@ -67,6 +69,10 @@ void start_modules() {
     MAR_init_numbers();
     MAR_set_poll(MSE_poll);
     MPA_start();
+    // The evaluator and the function environments come last: the environments take the
+    // bodies and fronts every module above has registered.
+    MEV_start();
+    MFN_start();
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Signals and timers. Handlers only set flags; MSE_poll acts on them. The exception is a
 // machine fault, which cannot be resumed: it ends the process with a message.
-#include <sys/resource.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,8 +21,7 @@ constexpr int WATCHDOG_SIGNAL = SIGALRM;
 constexpr long WATCHDOG_GRACE_MS = 1000;
 
 char* alt_stack = nullptr;
-uintptr_t stack_top = 0;
-uintptr_t stack_limit = 0;
+uintptr_t stack_low = 0;  // lowest address of the kernel thread's stack
 
 void write_stderr(const char* text) {
     size_t n = std::strlen(text);
@@ -57,10 +56,11 @@ void on_watchdog(int) {
     ::_exit(2);
 }
 
+// A fault just below the stack's lowest address (its guard pages) or in its last pages.
 bool is_stack_overflow(uintptr_t addr) {
-    if (!stack_top) return false;
+    if (!stack_low) return false;
     const uintptr_t slack = 1 << 20;
-    return addr < stack_top && addr + stack_limit + slack >= stack_top;
+    return addr + slack >= stack_low && addr < stack_low + slack;
 }
 
 void on_fault(int sig, siginfo_t* info, void*) {
@@ -116,10 +116,14 @@ void MSE_install_signal_handlers() {
         ss.ss_size = alt_size;
         sigaltstack(&ss, nullptr);
     }
-    int here = 0;
-    stack_top = reinterpret_cast<uintptr_t>(&here);
-    rlimit rl{};
-    stack_limit = getrlimit(RLIMIT_STACK, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY ? rl.rlim_cur : (8u << 20);
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+        void* low = nullptr;
+        size_t size = 0;
+        pthread_attr_getstack(&attr, &low, &size);
+        pthread_attr_destroy(&attr);
+        stack_low = reinterpret_cast<uintptr_t>(low);
+    }
     struct sigaction sa {};
     sa.sa_sigaction = on_fault;
     sigemptyset(&sa.sa_mask);

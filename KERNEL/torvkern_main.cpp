@@ -1,5 +1,6 @@
 // torvkern: the kernel program. With /b it runs batch files; otherwise it is its own
 // client on the terminal: read a command, run it, print.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -7,8 +8,16 @@
 
 #include "MSE_session.h"
 
-int main(int argc, char** argv) {
-    const MSE_start_result started = MSE_start(argc, argv);
+namespace {
+
+struct Arguments {
+    int argc;
+    char** argv;
+};
+
+void* kernel_main(void* p) {
+    const auto* a = static_cast<Arguments*>(p);
+    const MSE_start_result started = MSE_start(a->argc, a->argv);
     if (started == MSE_RUNNING) {
         const bool tty = ::isatty(0);
         std::string line;
@@ -25,4 +34,20 @@ int main(int argc, char** argv) {
         if (tty) std::fputc('\n', stdout);
     }
     MSE_stop(0, true);
+    return nullptr;
+}
+
+}  // namespace
+
+// The kernel runs on a thread of its own with a large stack: evaluation and printing
+// recurse over deep expressions.
+int main(int argc, char** argv) {
+    Arguments args{argc, argv};
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, size_t(1) << 30);
+    pthread_t thread;
+    if (pthread_create(&thread, &attr, kernel_main, &args) != 0) kernel_main(&args);
+    else pthread_join(thread, nullptr);
+    return 0;
 }

@@ -1,0 +1,104 @@
+// The evaluator: a cell to its value, by category.
+#pragma once
+
+#include <cstdint>
+
+#include "MMM_cell.h"
+#include "MMM_values.h"
+
+// Evaluation contexts besides the operator ids 1-19 and 24-28.
+constexpr int MEV_CONTEXT_STATEMENT = 0;
+constexpr int MEV_CONTEXT_FREE = 1;
+constexpr int MEV_CONTEXT_ARGUMENT = 22;
+
+// Evaluation flags.
+constexpr unsigned MEV_HOLD = 2;
+constexpr unsigned MEV_OPERATOR_DONE = 0x40;  // the caller has evaluated the operator
+constexpr unsigned MEV_ARGS_SPLICE = 0x80;    // arguments evaluated, sequences still to splice
+constexpr unsigned MEV_ARGS_FLAT = 0x100;     // arguments evaluated and flat
+
+// Argument flags of MEV_eval_args.
+constexpr unsigned MEV_STOP_AT_FAIL = 0x200;
+constexpr unsigned MEV_KEEP_FIRST_NULL = 0x800;
+constexpr unsigned MEV_KEEP_NULLS = 0x1000;
+
+// Evaluator state.
+extern int32_t MEV_level;
+extern int32_t MEV_level_saved;
+extern int32_t MEV_max_level;
+extern int32_t MEV_max_depth;
+extern int32_t MEV_depth;
+extern int32_t MEV_call_depth;
+extern Cell MEV_frame;  // the running activation, null at the top level
+extern uint32_t MEV_steps;
+extern int MEV_control;
+extern int16_t MEV_control_count;
+extern Cell MEV_last_value;
+extern int32_t MEV_value_pending;
+
+constexpr uint32_t MEV_TICK_STEPS = 200000;
+
+using MEV_routine = Cell (*)(Cell cell, int context, unsigned flags);
+extern MEV_routine MEV_dispatch[MMM_CATEGORY_COUNT];
+
+void MEV_tick();
+
+// The one evaluation step: counts towards the tick and dispatches by category. Gives a
+// new reference (null only in statement context, for "no value").
+inline Cell MEV_eval(Cell cell, int context, unsigned flags) {
+    if (++MEV_steps >= MEV_TICK_STEPS) MEV_tick();
+    return MEV_dispatch[MMM_category(cell)](cell, context, flags);
+}
+
+// Statement evaluation for the top level and procedure bodies; never null.
+Cell MEV_eval_stmt(Cell cell);
+// As MEV_eval, with "no value" mapped to the last value or NULL.
+Cell MEV_eval_value(Cell cell, int context, unsigned flags);
+
+// Evaluates the operands of `expr` (borrowed) and gives the expression with the values
+// (a new reference; the same cell, retained, when nothing changed). `ext_position` gets
+// the index of the first domain element among them, 0 for none. Null when MEV_STOP_AT_FAIL
+// met a FAIL.
+Cell MEV_eval_args(Cell expr, unsigned arg_flags, int context, int flatten_mode, unsigned flags, int* ext_position);
+// Splices operands in place: mode bit 1 associative (same operator), bit 2 sequences,
+// bit 8 leaves the first operand out, 4 walks from the operator. Gives whether anything
+// changed.
+bool MEV_flatten(Cell* expr, int mode);
+
+// The front of a built-in.
+struct MEV_front {
+    unsigned arg_flags = 0;
+    int flatten_mode = 2;
+    int arg_context = MEV_CONTEXT_ARGUMENT;
+    int column = 100;  // 100: no legality test of the call itself
+    unsigned overload_flags = 0;
+    int from = 1;
+    int to = -1;
+};
+// Evaluates the arguments of *expr as the front says (the expression is replaced by the
+// one with the values). Gives true when *result is already the answer: a stored result,
+// an overloading slot, or the held expression.
+bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MEV_front& front, Cell* result);
+// The legality test of a value in a context: raises the table's error, if any.
+void MEV_check_legal(int context, Cell value);
+uint16_t MEV_legality(int row, int column);
+
+// How the evaluator calls the body of a built-in. By default it runs the front first
+// (arguments evaluated in the context of the operator's id for ids 1-29, else in
+// argument context, flattened, stored results and overloading looked at) and then calls
+// the body with the evaluated expression. A raw built-in gets its expression as it
+// stands and runs its own front.
+void MEV_set_front(int id, const MEV_front& front);
+void MEV_set_raw(int id);
+
+// Procedures and closures come with the procedure module; it installs these.
+struct MEV_procedure_hooks_record {
+    Cell (*call)(Cell expr, int context, unsigned flags, Cell proc) = nullptr;
+    Cell (*variable)(Cell var, int context, unsigned flags) = nullptr;
+    Cell (*closure)(Cell proc, int context, unsigned flags) = nullptr;
+};
+extern MEV_procedure_hooks_record MEV_procedure_hooks;
+
+// Sets up the dispatch and legality tables and the evaluator's state; binds the entry
+// points into the session and the parser.
+void MEV_start();
