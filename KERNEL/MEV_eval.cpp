@@ -678,6 +678,7 @@ void MEV_start() {
         stack_limit = static_cast<const char*>(low) + margin;
     }
 
+    MEV_builtins_start();
     MSE_frontend.eval = toplevel_eval;
     MSE_frontend.reset_evaluator = reset_after_error;
     MPA_hooks.eval = condition_eval;

@@ -79,6 +79,12 @@ struct MEV_front {
 // one with the values). Gives true when *result is already the answer: a stored result,
 // an overloading slot, or the held expression.
 bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MEV_front& front, Cell* result);
+// The same for built-ins that allow FAIL among their arguments: a FAIL argument makes
+// the result FAIL.
+bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_front front, Cell* result);
+// The front of a built-in that takes its arguments unevaluated: the legality test only,
+// and in hold mode the expression with evaluated arguments as the result.
+bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column);
 // The legality test of a value in a context: raises the table's error, if any.
 void MEV_check_legal(int context, Cell value);
 uint16_t MEV_legality(int row, int column);
@@ -102,3 +108,4 @@ extern MEV_procedure_hooks_record MEV_procedure_hooks;
 // Sets up the dispatch and legality tables and the evaluator's state; binds the entry
 // points into the session and the parser.
 void MEV_start();
+void MEV_builtins_start();

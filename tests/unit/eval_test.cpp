@@ -7,6 +7,7 @@
 #include "MEV_eval.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_table.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
 
@@ -103,6 +104,41 @@ TEST(Eval, LegalityRefusesOperandsBeforeAnyOperatorRuns) {
     EXPECT_EQ(MEV_legality(15, 2), 1001) << "an unevaluated or is no summand";
     EXPECT_EQ(MEV_legality(15, 5), 0);
     EXPECT_EQ(eval("1 < 2 + (a or b)"), "Error 1001: Error: Illegal operand [_plus]");
+}
+
+TEST(Eval, FunctionEnvironments) {
+    Cell plus = MMM_ident_by_id(15);
+    Cell env = MMM_value(plus);
+    ASSERT_NE(env, nullptr);
+    EXPECT_EQ(MMM_category(env), DOM_FUNC_ENV);
+    EXPECT_EQ(MMM_category(MMM_child(env, 0)), DOM_EXEC);
+    Cell type = nullptr;
+    Cell key = MMM_string_value("type");
+    EXPECT_TRUE(MMM_table_find(MMM_child(MMM_child(env, 2), 0), key, &type));
+    EXPECT_EQ(MPA_dump(type), "\"_plus\"");
+    MMM_release(key);
+    EXPECT_EQ(MMM_protection(plus), 4) << "operators are bound at kernel protection";
+    Cell one = parsed("1");
+    EXPECT_THROW(MMM_set_value(plus, one, 4, MEV_root_frame), MER_exception);
+    MER_pending = 0;
+    MMM_release(one);
+
+    Cell same = parsed("funcenv(_plus)");
+    Cell v = MSE_frontend.eval(same);
+    EXPECT_EQ(v, env) << "funcenv of an environment is that environment";
+    MMM_release(v);
+    MMM_release(same);
+    MMM_release(env);
+    EXPECT_EQ(eval("funcenv(t_fn)(x)"), "t_fn(x)") << "an environment calls through its evaluator";
+    EXPECT_EQ(eval("funcenv(t_fn, t_pr, 3)"), "Error 1001: Error: Illegal operand [funcenv]");
+    EXPECT_EQ(eval("funcenv()"), "Error 1004: Error: Wrong number of arguments [funcenv]");
+    EXPECT_EQ(eval("builtin(1062, NIL, \"sysorder\", NIL)"), "DOM_EXEC(<kind 41>, NIL, \"sysorder\", NIL)");
+    EXPECT_EQ(eval("builtin(99999, NIL, \"x\", NIL)"), "Error 1005: Error: Illegal argument [builtin]");
+    EXPECT_EQ(eval("builtin(x, NIL, \"x\", NIL)"), "Error 1013: Error: Integer expected [builtin]");
+    EXPECT_EQ(eval("builtin(1062, NIL, \"x\")"), "Error 1004: Error: Wrong number of arguments [builtin]");
+    EXPECT_EQ(eval("_op_plusmult(t_op, 1, 2)"), "t_op(1, 2)");
+    EXPECT_EQ(eval("_op_fconcat(t_f, t_g, x)"), "t_f(t_g(x))");
+    EXPECT_EQ(eval("_domainfunccall(1, 2)"), "Error 1005: Error: Illegal argument [_domainfunccall]");
 }
 
 TEST(Eval, ConstantCallsAllocateNothing) {

@@ -1,0 +1,181 @@
+// Built-ins of the evaluation core that work on functions: funcenv, builtin, the
+// overload-free operator forms and the front of domain calls.
+#include <string>
+
+#include "MAR_numbers.h"
+#include "MER_error.h"
+#include "MEV_eval.h"
+#include "MFN_env.h"
+#include "MFN_table.h"
+#include "MMM_ident.h"
+#include "MMM_values.h"
+
+namespace {
+
+Cell retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
+long arg_count(Cell e) { return MMM_child_count(e) - 1; }
+Cell arg(Cell e, long i) { return MMM_child(e, i); }
+const char* name_of(Cell e) { return MMM_ident_text(MMM_child(e, 0)).data(); }
+
+void need_args(Cell e, long lo, long hi) {
+    const long n = arg_count(e);
+    if (n < lo || n > hi) MER_raise(1004, std::string(MMM_ident_text(MMM_child(e, 0))).c_str());
+}
+
+// funcenv(evaluator [, printer [, attributes]])
+Cell builtin_funcenv(Cell e, int, unsigned, Cell) {
+    need_args(e, 1, 3);
+    if (MMM_category(arg(e, 1)) == DOM_FUNC_ENV) return retained(arg(e, 1));
+    Cell table = arg_count(e) == 3 ? arg(e, 3) : MMM_NIL;
+    if (table != MMM_NIL && MMM_category(table) != DOM_TABLE) MER_raise(1001, name_of(e));
+    Cell env = MMM_new_node(DOM_FUNC_ENV, 3);
+    MMM_children(env)[0] = retained(arg(e, 1));
+    MMM_children(env)[1] = retained(arg_count(e) >= 2 ? arg(e, 2) : MMM_NIL);
+    MMM_children(env)[2] = retained(table);
+    MMM_sign(env);
+    return env;
+}
+
+// The code cell of an integer operand.
+Cell code_operand(Cell e, long i) {
+    Cell c = arg(e, i);
+    if (MMM_category(c) != DOM_INT && MMM_category(c) != CAT_BIG_INT) MER_raise(1013, name_of(e));
+    Cell code = MMM_category(c) == DOM_INT ? MTR_find_code_for_number(MAR_small_int(c)) : nullptr;
+    if (!code) MER_raise(1005, name_of(e));
+    return code;
+}
+
+// builtin(code, numeric code or priority, name or print text, NIL/table or name, ...)
+Cell builtin_builtin(Cell e, int, unsigned, Cell) {
+    const long n = arg_count(e);
+    if (n < 4) MER_raise(1004, name_of(e));
+    Cell code = code_operand(e, 1);
+    const int fourth = MMM_category(arg(e, 4));
+    if (fourth != DOM_STRING && fourth != DOM_NIL && fourth != DOM_TABLE) MER_raise(1005, name_of(e));
+    Cell exec = MMM_new_node(DOM_EXEC, n);
+    MMM_children(exec)[0] = retained(code);
+    Cell second = arg(e, 2);
+    if (fourth != DOM_STRING && (MMM_category(second) == DOM_INT || MMM_category(second) == CAT_BIG_INT)) {
+        // The evaluator form names its numeric routine by code.
+        try {
+            MMM_children(exec)[1] = retained(code_operand(e, 2));
+        } catch (...) {
+            for (long i = 1; i < n; ++i) MMM_children(exec)[i] = nullptr;
+            MMM_release(exec);
+            throw;
+        }
+    } else {
+        MMM_children(exec)[1] = retained(second);
+    }
+    for (long i = 3; i <= n; ++i) MMM_children(exec)[i - 1] = retained(arg(e, i));
+    MMM_sign(exec);
+    return exec;
+}
+
+// _op_plusmult(op, a, b, ...): op(a, b, ...) evaluated.
+Cell builtin_op_plusmult(Cell e, int context, unsigned flags, Cell) {
+    need_args(e, 1, 1L << 30);
+    Cell call = MMM_make_expr(arg_count(e));
+    for (long i = 1; i <= arg_count(e); ++i) MMM_children(call)[i - 1] = retained(arg(e, i));
+    MMM_sign(call);
+    Cell r;
+    try {
+        r = MEV_eval(call, context, flags & ~(MEV_ARGS_FLAT | MEV_OPERATOR_DONE));
+    } catch (...) {
+        MMM_release(call);
+        throw;
+    }
+    MMM_release(call);
+    return r;
+}
+
+// _op_power(f, n): the n-th power of the function.
+Cell builtin_op_power(Cell e, int context, unsigned, Cell) {
+    need_args(e, 2, 2);
+    Cell p = MMM_make_expr(3);
+    MMM_children(p)[0] = retained(MMM_ident_by_id(MFN_ID_POWER));
+    MMM_children(p)[1] = retained(arg(e, 1));
+    MMM_children(p)[2] = retained(arg(e, 2));
+    MMM_sign(p);
+    Cell r;
+    try {
+        r = MEV_eval(p, context, MEV_ARGS_FLAT);
+    } catch (...) {
+        MMM_release(p);
+        throw;
+    }
+    MMM_release(p);
+    return r;
+}
+
+// _op_fconcat(f, g, ..., x): f(g(...(x))), right to left; the inner steps have their
+// operator and argument in place already.
+Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
+    need_args(e, 1, 1L << 30);
+    Cell value = retained(arg(e, arg_count(e)));
+    for (long i = arg_count(e) - 1; i >= 1; --i) {
+        Cell step = MMM_make_expr(2);
+        MMM_children(step)[0] = retained(arg(e, i));
+        MMM_children(step)[1] = value;
+        MMM_sign(step);
+        const unsigned step_flags = i == 1 ? flags : (MEV_OPERATOR_DONE | MEV_ARGS_SPLICE);
+        try {
+            value = MEV_eval(step, i == 1 ? context : MEV_CONTEXT_ARGUMENT, step_flags & ~MEV_OPERATOR_DONE);
+        } catch (...) {
+            MMM_release(step);
+            throw;
+        }
+        MMM_release(step);
+    }
+    return value;
+}
+
+// _domainfunccall(D, args...): the call of D's slot `new`.
+Cell builtin_domainfunccall(Cell e, int, unsigned, Cell) {
+    need_args(e, 1, 1L << 30);
+    if (MMM_category(arg(e, 1)) != DOM_DOMAIN) MER_raise(1005, name_of(e));
+    MER_raise(1036, nullptr, "new");  // domains and their slots come with the domain module
+}
+
+}  // namespace
+
+bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_front front, Cell* result) {
+    front.arg_flags |= MEV_STOP_AT_FAIL;
+    return MEV_builtin_front(expr, context, flags, exec, front, result);
+}
+
+bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column) {
+    if (column != 100) {
+        if (const uint16_t code = MEV_legality(context, column)) MER_raise(code, MFN_env_name(context));
+    }
+    if (!(flags & MEV_HOLD)) return false;
+    int ext = 0;
+    Cell e = MEV_eval_args(*expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
+    MMM_release(*expr);
+    *expr = e;
+    *result = retained(e);
+    return true;
+}
+
+void MEV_builtins_start() {
+    MFN_set_routine(MFN_ID_FUNCENV, builtin_funcenv);
+    MEV_front funcenv_front;
+    funcenv_front.arg_context = MEV_CONTEXT_FREE;
+    funcenv_front.column = 30 + DOM_FUNC_ENV;
+    MEV_set_front(MFN_ID_FUNCENV, funcenv_front);
+    MFN_set_routine(MFN_ID_BUILTIN, builtin_builtin);
+    MEV_front builtin_front;
+    builtin_front.arg_context = MEV_CONTEXT_FREE;
+    MEV_set_front(MFN_ID_BUILTIN, builtin_front);
+    MFN_set_routine(MFN_ID_OP_PLUSMULT, builtin_op_plusmult);
+    MFN_set_routine(MFN_ID_OP_POWER, builtin_op_power);
+    MFN_set_routine(MFN_ID_OP_FCONCAT, builtin_op_fconcat);
+    MFN_set_routine(MFN_ID_DOMAINFUNCCALL, builtin_domainfunccall);
+    MEV_front domain_front;
+    domain_front.overload_flags = 8;
+    MEV_set_front(MFN_ID_DOMAINFUNCCALL, domain_front);
+}
