@@ -52,6 +52,7 @@ fuzz: fuzz-build
 
 bench: build
 	@$(BUILD)/bench/bench_heap
+	@$(BUILD)/bench/bench_kernel
 
 clean:
 	@rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -49,6 +49,7 @@ struct Heap {
     uint64_t big_bytes = 0;
     uint64_t reserved_bytes = 0;
     uint64_t live_cells = 0;
+    uint64_t allocations = 0;  // cells handed out since the start
     uint64_t ceiling = UINT64_MAX;
     int poll_countdown = 255;
     MMM_handler poll = nullptr;
@@ -505,6 +506,7 @@ void MMM_add_reclaim_hooks(MMM_handler before_mark, MMM_handler after_mark) {
 // ---- allocation ----
 
 Cell MMM_new(unsigned kind, long data_bytes, long child_count) {
+    ++heap.allocations;
     if (--heap.poll_countdown == 0) {
         heap.poll_countdown = 255;
         if (heap.poll) heap.poll();
@@ -648,6 +650,7 @@ bool MMM_has_identity(unsigned kind) { return kind < MMM_KIND_COUNT && sign_tabl
 uint64_t MMM_used_bytes() { return heap.pool_bytes + heap.big_bytes; }
 uint64_t MMM_reserved_bytes() { return heap.reserved_bytes; }
 uint64_t MMM_live_cells() { return heap.live_cells; }
+uint64_t MMM_allocations() { return heap.allocations; }
 
 // ---- mark and sweep ----
 

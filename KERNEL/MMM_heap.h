@@ -56,6 +56,7 @@ bool MMM_has_identity(unsigned kind);
 uint64_t MMM_used_bytes();
 uint64_t MMM_reserved_bytes();
 uint64_t MMM_live_cells();
+uint64_t MMM_allocations();  // cells handed out since the start, for measurements
 
 // Mark and sweep. The sweep is legal only when no Cell is held by a native frame.
 void MMM_mark_all();
