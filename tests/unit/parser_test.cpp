@@ -278,6 +278,20 @@ TEST(Parser, ProceduresResolveTheirNamesToVariables) {
     EXPECT_EQ(p.output, "Error: line 1, col 4: 'identifier' expected\n");
 }
 
+TEST(Parser, DomainsCategoriesAndAxioms) {
+    EXPECT_EQ(tree("domain D(a) local l; inherits Base; category Cat; x := 1; f; begin a + l end_domain"),
+              "_constructor(_procdef(a, l, _exprseq(escape, noDebug), _plus(DOM_VAR(0, 3), DOM_VAR(0, 2)), D, NIL, NIL, "
+              "NIL, NIL, NIL, FAIL, NIL), TRUE, DOM_LIST(Cat), DOM_LIST(), DOM_LIST(_equal(\"x\", 1), \"f\"), "
+              "DOM_LIST(Base))");
+    EXPECT_EQ(tree("category C axiom A1, A2; end"), "_constructor(NIL, FALSE, DOM_LIST(), DOM_LIST(A1, A2), DOM_LIST())");
+    Parsed p = parse("axiom A; x; end_axiom");
+    EXPECT_EQ(p.output, "Error: line 1, col 11: Unexpected 'identifier'\n");
+    p = parse("domain D inherits A; inherits B; end");
+    EXPECT_EQ(p.output, "Error: line 1, col 32: Multiple inherited domains, ignored\n");
+    p = parse("domain 1 end");
+    EXPECT_EQ(p.output, "Error: line 1, col 12: Invalid left-hand side in assignment\n");
+}
+
 TEST(Parser, SyntaxErrorsReportTheFirstProblemWithItsPosition) {
     Parsed p = parse("1 + )");
     EXPECT_EQ(p.output, "Error: line 1, col 5: Unexpected ')'\n");
