@@ -49,6 +49,7 @@ void note_finished(long id, void*) { finished.push_back(id); }
 
 std::string run_command(const std::string& text, long id) {
     // The stand-in front end takes the place of parser, evaluator and printer.
+    const MSE_frontend_hooks saved = MSE_frontend;
     MSE_frontend.run_text = split_run;
     MSE_frontend.eval = eval_string;
     MSE_frontend.print_result = print_string;
@@ -58,7 +59,7 @@ std::string run_command(const std::string& text, long id) {
     MSE_post(new MSE_text_command(text, id, note_finished));
     MSE_main_loop(false);
     MSE_output = stdout;
-    MSE_frontend = MSE_frontend_hooks{};
+    MSE_frontend = saved;
     std::rewind(out);
     std::string text_out;
     char buf[512];
