@@ -21,14 +21,9 @@ long arg_count(Cell e) { return MMM_child_count(e) - 1; }
 Cell arg(Cell e, long i) { return MMM_child(e, i); }
 const char* name_of(Cell e) { return MMM_ident_text(MMM_child(e, 0)).data(); }
 
-void need_args(Cell e, long lo, long hi) {
-    const long n = arg_count(e);
-    if (n < lo || n > hi) MER_raise(1004, std::string(MMM_ident_text(MMM_child(e, 0))).c_str());
-}
-
 // funcenv(evaluator [, printer [, attributes]])
 Cell builtin_funcenv(Cell e, int, unsigned, Cell) {
-    need_args(e, 1, 3);
+    MEV_need_args(e, 1, 3);
     if (MMM_category(arg(e, 1)) == DOM_FUNC_ENV) return retained(arg(e, 1));
     Cell table = arg_count(e) == 3 ? arg(e, 3) : MMM_NIL;
     if (table != MMM_NIL && MMM_category(table) != DOM_TABLE) MER_raise(1001, name_of(e));
@@ -78,7 +73,7 @@ Cell builtin_builtin(Cell e, int, unsigned, Cell) {
 
 // _op_plusmult(op, a, b, ...): op(a, b, ...) evaluated.
 Cell builtin_op_plusmult(Cell e, int context, unsigned flags, Cell) {
-    need_args(e, 1, 1L << 30);
+    MEV_need_args(e, 1, 1L << 30);
     Cell call = MMM_make_expr(arg_count(e));
     for (long i = 1; i <= arg_count(e); ++i) MMM_children(call)[i - 1] = retained(arg(e, i));
     MMM_sign(call);
@@ -95,7 +90,7 @@ Cell builtin_op_plusmult(Cell e, int context, unsigned flags, Cell) {
 
 // _op_power(f, n): the n-th power of the function.
 Cell builtin_op_power(Cell e, int context, unsigned, Cell) {
-    need_args(e, 2, 2);
+    MEV_need_args(e, 2, 2);
     Cell p = MMM_make_expr(3);
     MMM_children(p)[0] = retained(MMM_ident_by_id(MFN_ID_POWER));
     MMM_children(p)[1] = retained(arg(e, 1));
@@ -115,7 +110,7 @@ Cell builtin_op_power(Cell e, int context, unsigned, Cell) {
 // _op_fconcat(f, g, ..., x): f(g(...(x))), right to left; the inner steps have their
 // operator and argument in place already.
 Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
-    need_args(e, 1, 1L << 30);
+    MEV_need_args(e, 1, 1L << 30);
     Cell value = retained(arg(e, arg_count(e)));
     for (long i = arg_count(e) - 1; i >= 1; --i) {
         Cell step = MMM_make_expr(2);
@@ -136,7 +131,7 @@ Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
 
 // _domainfunccall(D, args...): the call of D's slot `new`.
 Cell builtin_domainfunccall(Cell e, int, unsigned, Cell) {
-    need_args(e, 1, 1L << 30);
+    MEV_need_args(e, 1, 1L << 30);
     if (MMM_category(arg(e, 1)) != DOM_DOMAIN) MER_raise(1005, name_of(e));
     MER_raise(1036, nullptr, "new");  // domains and their slots come with the domain module
 }

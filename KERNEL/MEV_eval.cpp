@@ -2,8 +2,6 @@
 // arguments and sequences, and the front of the built-ins.
 #include "MEV_eval.h"
 
-#include <pthread.h>
-
 #include <cstring>
 #include <vector>
 
@@ -397,24 +395,19 @@ Cell builtin_exprseq(Cell e, int, unsigned, Cell) {
     return retained(e);
 }
 
-void need_args(Cell e, long lo, long hi) {
-    const long n = MMM_child_count(e) - 1;
-    if (n < lo || n > hi) MER_raise(1004, std::string(MMM_ident_text(MMM_child(e, 0))).c_str());
-}
-
 Cell builtin_hold(Cell e, int, unsigned, Cell) {
-    need_args(e, 1, 1);
+    MEV_need_args(e, 1, 1);
     return retained(MMM_child(e, 1));
 }
 
 Cell builtin_eval(Cell e, int context, unsigned, Cell) {
     // The argument has been evaluated once by the front; evaluate its value once more.
-    need_args(e, 1, 1);
+    MEV_need_args(e, 1, 1);
     return MEV_eval(MMM_child(e, 1), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_ARGUMENT : context, 0);
 }
 
 Cell builtin_level(Cell e, int, unsigned, Cell) {
-    need_args(e, 1, 2);
+    MEV_need_args(e, 1, 2);
     int32_t level = MEV_level;
     if (MMM_child_count(e) == 3) {
         Cell n = MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0);
@@ -441,7 +434,7 @@ Cell builtin_level(Cell e, int, unsigned, Cell) {
 }
 
 Cell builtin_null(Cell e, int, unsigned, Cell) {
-    need_args(e, 0, 0);
+    MEV_need_args(e, 0, 0);
     return retained(MMM_NULL);
 }
 
@@ -473,6 +466,11 @@ Cell condition_eval(Cell condition) { return MEV_eval(condition, MEV_CONTEXT_ARG
 }  // namespace
 
 // ---- public ----
+
+void MEV_need_args(Cell e, long lo, long hi) {
+    const long n = MMM_child_count(e) - 1;
+    if (n < lo || n > hi) MER_raise(1004, std::string(MMM_ident_text(MMM_child(e, 0))).c_str());
+}
 
 uint16_t MEV_legality(int row, int column) {
     if (row < 0 || row >= ROWS || column < 0 || column >= COLUMNS) return 0;
@@ -668,15 +666,10 @@ void MEV_start() {
     MEV_dispatch[DOM_DEBUG] = eval_debug;
 
     // The native stack: stop well before its end.
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
-        void* low = nullptr;
-        size_t size = 0;
-        pthread_attr_getstack(&attr, &low, &size);
-        pthread_attr_destroy(&attr);
-        const size_t margin = size / 8 > (size_t(1) << 20) ? size / 8 : (size_t(1) << 20);
-        stack_limit = static_cast<const char*>(low) + margin;
-    }
+    const char* low = nullptr;
+    size_t size = 0;
+    MSE_stack_bounds(&low, &size);
+    if (low) stack_limit = low + (size / 8 > (size_t(1) << 20) ? size / 8 : (size_t(1) << 20));
 
     MEV_builtins_start();
     MSE_frontend.eval = toplevel_eval;

@@ -85,6 +85,8 @@ bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_
 // The front of a built-in that takes its arguments unevaluated: the legality test only,
 // and in hold mode the expression with evaluated arguments as the result.
 bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column);
+// Raises 1004 with the built-in's name unless the call has lo to hi operands.
+void MEV_need_args(Cell expr, long lo, long hi);
 // The legality test of a value in a context: raises the table's error, if any.
 void MEV_check_legal(int context, Cell value);
 uint16_t MEV_legality(int row, int column);

@@ -301,37 +301,26 @@ SignTable sign_table;
 
 // ---- walks ----
 
-void mark_from(Cell c) {
-    if (!c || (c->flags & MMM_MARK)) return;
-    c->flags |= MMM_MARK;
+// Sets (or clears) the mark of c and of everything reachable through unmarked (or
+// marked) cells. A cell with refcount 0 is marked but not entered.
+void walk_marks(Cell c, bool set) {
+    if (!c || bool(c->flags & MMM_MARK) == set) return;
+    c->flags ^= MMM_MARK;
     if (!c->refcount) return;
     walk_stack.push(c);
     while (!walk_stack.empty()) {
         Cell x = walk_stack.pop();
         for (Cell* p = MMM_children(x); p < MMM_children_end(x); ++p) {
             Cell y = *p;
-            if (!y || (y->flags & MMM_MARK)) continue;
-            y->flags |= MMM_MARK;
+            if (!y || bool(y->flags & MMM_MARK) == set) continue;
+            y->flags ^= MMM_MARK;
             if (y->refcount && y->data != reinterpret_cast<char*>(y + 1)) walk_stack.push(y);
         }
     }
 }
 
-void unmark_from(Cell c) {
-    if (!c || !(c->flags & MMM_MARK)) return;
-    c->flags &= ~MMM_MARK;
-    if (!c->refcount) return;
-    walk_stack.push(c);
-    while (!walk_stack.empty()) {
-        Cell x = walk_stack.pop();
-        for (Cell* p = MMM_children(x); p < MMM_children_end(x); ++p) {
-            Cell y = *p;
-            if (!y || !(y->flags & MMM_MARK)) continue;
-            y->flags &= ~MMM_MARK;
-            if (y->refcount) walk_stack.push(y);
-        }
-    }
-}
+void mark_from(Cell c) { walk_marks(c, true); }
+void unmark_from(Cell c) { walk_marks(c, false); }
 
 long root_count() {
     long n;

@@ -217,6 +217,14 @@ protected:
     size_t pos_ = 0;
 };
 
+// Reads a string into trees without evaluating them (text2expr): the result is NULL for
+// no statement, the tree of one, or `_stmtseq` of several.
+class MPA_tree_reader : public MPA_string_reader {
+public:
+    using MPA_string_reader::MPA_string_reader;
+    bool immediate() override { return false; }
+};
+
 // The session's command reader: evaluates each statement and prints its value.
 class MPA_session_reader : public MPA_string_reader {
 public:

@@ -179,4 +179,6 @@ bool MSE_watchdog_start(long seconds);
 void MSE_watchdog_cancel();
 bool MSE_watchdog_fired();
 long MSE_monotonic_ms();
+// The lowest address and the size of the calling thread's stack (0 when unknown).
+void MSE_stack_bounds(const char** low, size_t* size);
 long MSE_cpu_ms();

@@ -91,6 +91,17 @@ void set_handler(int sig, void (*fn)(int), int flags) {
 
 }  // namespace
 
+void MSE_stack_bounds(const char** low, size_t* size) {
+    *low = nullptr;
+    *size = 0;
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
+    void* base = nullptr;
+    pthread_attr_getstack(&attr, &base, size);
+    pthread_attr_destroy(&attr);
+    *low = static_cast<const char*>(base);
+}
+
 long MSE_monotonic_ms() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -116,14 +127,10 @@ void MSE_install_signal_handlers() {
         ss.ss_size = alt_size;
         sigaltstack(&ss, nullptr);
     }
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
-        void* low = nullptr;
-        size_t size = 0;
-        pthread_attr_getstack(&attr, &low, &size);
-        pthread_attr_destroy(&attr);
-        stack_low = reinterpret_cast<uintptr_t>(low);
-    }
+    const char* low = nullptr;
+    size_t size = 0;
+    MSE_stack_bounds(&low, &size);
+    stack_low = reinterpret_cast<uintptr_t>(low);
     struct sigaction sa {};
     sa.sa_sigaction = on_fault;
     sigemptyset(&sa.sa_mask);

@@ -14,12 +14,6 @@
 
 namespace {
 
-class TreeReader : public MPA_string_reader {
-public:
-    using MPA_string_reader::MPA_string_reader;
-    bool immediate() override { return false; }
-};
-
 
 // A file in the shape of library code: procedures with locals, loops, conditions,
 // comments and strings.
@@ -42,7 +36,7 @@ void BM_parse_library(benchmark::State& state) {
     uint64_t cells = 0;
     for (auto _ : state) {
         const uint64_t before = MMM_allocations();
-        TreeReader r(text, false, 1);
+        MPA_tree_reader r(text, false, 1);
         r.run();
         benchmark::DoNotOptimize(r.result());
         cells += MMM_allocations() - before;
@@ -54,7 +48,7 @@ void BM_parse_library(benchmark::State& state) {
 BENCHMARK(BM_parse_library)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
 
 Cell parsed(const char* text) {
-    TreeReader r(text, false, 1);
+    MPA_tree_reader r(text, false, 1);
     r.run();
     return r.take_result();
 }

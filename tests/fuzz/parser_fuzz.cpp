@@ -13,12 +13,6 @@
 
 namespace {
 
-class TreeReader : public MPA_string_reader {
-public:
-    using MPA_string_reader::MPA_string_reader;
-    bool immediate() override { return false; }
-};
-
 bool start() {
     static std::string program = "parser_fuzz";
     static std::string lib = TORVA_LIBRARY_DIR;
@@ -35,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool started = start();
     if (!started) return 0;
     {
-        TreeReader reader(std::string_view(reinterpret_cast<const char*>(data), size), true, 1);
+        MPA_tree_reader reader(std::string_view(reinterpret_cast<const char*>(data), size), true, 1);
         reader.run();
     }
     MER_pending = 0;

@@ -17,14 +17,8 @@
 
 namespace {
 
-class TreeReader : public MPA_string_reader {
-public:
-    using MPA_string_reader::MPA_string_reader;
-    bool immediate() override { return false; }
-};
-
 Cell parsed(std::string_view text) {
-    TreeReader r(text, false, 1);
+    MPA_tree_reader r(text, false, 1);
     r.run();
     return r.take_result();
 }

@@ -14,13 +14,6 @@
 
 namespace {
 
-// A reader that collects its statements instead of evaluating them.
-class TreeReader : public MPA_string_reader {
-public:
-    using MPA_string_reader::MPA_string_reader;
-    bool immediate() override { return false; }
-};
-
 struct Parsed {
     std::string tree;    // dump of the result, "" when the read failed
     std::string output;  // what was printed: errors and warnings
@@ -47,7 +40,7 @@ std::string capture(F f) {
 
 Parsed parse(std::string_view text) {
     Parsed p;
-    TreeReader r(text, false, 1);
+    MPA_tree_reader r(text, false, 1);
     p.output = capture([&] { r.run(); });
     p.incomplete = r.incomplete;
     p.errors = r.errors;
@@ -71,7 +64,7 @@ struct Token {
 std::ostream& operator<<(std::ostream& os, const Token& t) { return os << t.kind << ":" << t.text; }
 
 std::vector<Token> tokens(std::string_view text, std::string* output = nullptr, bool* incomplete = nullptr) {
-    TreeReader r(text, true, 1);
+    MPA_tree_reader r(text, true, 1);
     std::vector<Token> out;
     std::string printed = capture([&] {
         for (;;) {
@@ -320,7 +313,7 @@ TEST(Parser, DeepNestingIsAnErrorNotACrash) {
 
 TEST(Parser, AHugeStringLiteralReadsWhole) {
     std::string text = "\"" + std::string(20'000'000, 'a') + "\"";
-    TreeReader r(text, false, 1);
+    MPA_tree_reader r(text, false, 1);
     r.run();
     ASSERT_NE(r.result(), nullptr);
     EXPECT_EQ(MMM_string_view(MMM_child(r.result(), 0)).size(), 20'000'000u);
