@@ -44,8 +44,9 @@ extern Cell RD_INF;
 extern Cell RD_NINF;
 extern Cell RD_NAN;
 
-// Installs the signature and equality of number blocks, sets DIGITS to 10 and makes the
-// shared cells. Runs after MMM_values_start and MAR_start, at every start of the heap.
+// Installs the signature, equality and order of number blocks, sets DIGITS to 10 and
+// makes the shared cells. Runs after MMM_values_start and MAR_start, at every start of
+// the heap.
 void MAR_init_numbers();
 
 // ---- DIGITS and precision ----

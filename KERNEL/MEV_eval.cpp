@@ -7,6 +7,7 @@
 
 #include "MAR_numbers.h"
 #include "MER_error.h"
+#include "MEV_stmt.h"
 #include "MFN_env.h"
 #include "MFN_table.h"
 #include "MMM_heap.h"
@@ -35,9 +36,6 @@ namespace {
 constexpr int ROWS = 29;
 constexpr int COLUMNS = 73;
 uint16_t legality[ROWS][COLUMNS];
-
-// Below this address the native stack is nearly used up.
-const char* stack_limit = nullptr;
 
 Cell retained(Cell c) {
     MMM_retain(c);
@@ -326,8 +324,7 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
 }
 
 Cell eval_expr(Cell c, int context, unsigned flags) {
-    char probe;
-    if (&probe < stack_limit) MER_raise(1010, "expression nested too deeply");
+    if (MSE_stack_nearly_full()) MER_raise(1010, "expression nested too deeply");
     Cell op;
     if (flags & MEV_OPERATOR_DONE) {
         op = retained(MMM_child(c, 0));
@@ -665,13 +662,9 @@ void MEV_start() {
     MEV_dispatch[DOM_PROC] = eval_proc;
     MEV_dispatch[DOM_DEBUG] = eval_debug;
 
-    // The native stack: stop well before its end.
-    const char* low = nullptr;
-    size_t size = 0;
-    MSE_stack_bounds(&low, &size);
-    if (low) stack_limit = low + (size / 8 > (size_t(1) << 20) ? size / 8 : (size_t(1) << 20));
 
     MEV_builtins_start();
+    MEV_stmt_start();
     MSE_frontend.eval = toplevel_eval;
     MSE_frontend.reset_evaluator = reset_after_error;
     MPA_hooks.eval = condition_eval;

@@ -153,7 +153,7 @@ private:
         ~Depth() { --r.depth_guard; }
     };
     void check_depth() {
-        if (r_.depth_guard <= MAX_NESTING) return;
+        if (r_.depth_guard <= MAX_NESTING && !MSE_stack_nearly_full()) return;
         r_.report(2003, MLX_token_name(kind()).c_str());
         // Nothing sensible can follow: give up the rest of the input.
         r_.aborted = true;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "MAR_canonical.h"
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MEV_eval.h"
@@ -13,6 +14,7 @@
 #include "MMM_table.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
+#include "MOU_print.h"
 #include "MPA_reader.h"
 
 MSE_session_record MSE_session;
@@ -69,6 +71,8 @@ void start_modules() {
     MAR_init_numbers();
     MAR_set_poll(MSE_poll);
     MPA_start();
+    MOU_start();
+    MAR_canonical_start();
     // The evaluator and the function environments come last: the environments take the
     // bodies and fronts every module above has registered.
     MEV_start();

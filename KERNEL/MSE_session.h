@@ -181,4 +181,7 @@ bool MSE_watchdog_fired();
 long MSE_monotonic_ms();
 // The lowest address and the size of the calling thread's stack (0 when unknown).
 void MSE_stack_bounds(const char** low, size_t* size);
+// True when the calling thread has used up its stack but for a safety margin (an eighth
+// of it, at least 1 MiB): deep recursion stops here with an error instead of a fault.
+bool MSE_stack_nearly_full();
 long MSE_cpu_ms();

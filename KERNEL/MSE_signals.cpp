@@ -102,6 +102,18 @@ void MSE_stack_bounds(const char** low, size_t* size) {
     *low = static_cast<const char*>(base);
 }
 
+bool MSE_stack_nearly_full() {
+    thread_local const char* limit = [] {
+        const char* low = nullptr;
+        size_t size = 0;
+        MSE_stack_bounds(&low, &size);
+        if (!low) return static_cast<const char*>(nullptr);
+        return low + (size / 8 > (size_t(1) << 20) ? size / 8 : (size_t(1) << 20));
+    }();
+    char probe;
+    return &probe < limit;
+}
+
 long MSE_monotonic_ms() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);

@@ -1,0 +1,854 @@
+// Statements: sequences, conditions, loops, transfers of control, assignment and
+// deletion, the `$` forms and the boolean connectives.
+#include <string>
+#include <vector>
+
+#include "MAR_numbers.h"
+#include "MCM_equal.h"
+#include "MER_error.h"
+#include "MEV_eval.h"
+#include "MEV_stmt.h"
+#include "MFN_env.h"
+#include "MFN_table.h"
+#include "MMM_ident.h"
+#include "MMM_table.h"
+#include "MMM_values.h"
+#include "MSE_session.h"
+
+namespace {
+
+Cell retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
+long nargs(Cell e) { return MMM_child_count(e) - 1; }
+Cell arg(Cell e, long i) { return MMM_child(e, i); }
+std::string name_of(Cell e) { return std::string(MMM_ident_text(MMM_child(e, 0))); }
+bool is_call_of(Cell c, int id) {
+    return MMM_kind_of(c) == MMM_NODE && MMM_category(c) == DOM_EXPR && MMM_child(c, 0) == MMM_ident_by_id(id);
+}
+bool is_real(Cell v) {
+    const int c = MMM_category(v);
+    return c == CAT_BIG_INT || c == DOM_INT || c == DOM_RAT || c == DOM_FLOAT;
+}
+
+// The common opening of every statement. Gives true when *out is the answer already.
+bool opening(Cell e, unsigned flags, Cell* out) {
+    if (flags & MEV_HOLD) {
+        *out = retained(e);
+        return true;
+    }
+    if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(1010, "See ?MAXLEVEL");
+    if (MEV_depth >= MEV_level) {
+        *out = retained(e);
+        return true;
+    }
+    return false;
+}
+
+// The closing of every statement: its value is the last value, or NULL.
+Cell closing(int context) {
+    if (context == MEV_CONTEXT_STATEMENT) return nullptr;
+    return retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
+}
+
+void set_last_value(Cell v) {
+    MMM_retain(v);
+    MMM_release(MEV_last_value);
+    MEV_last_value = v;
+    ++MEV_value_pending;
+}
+
+void clear_last_value() {
+    MMM_release(MEV_last_value);
+    MEV_last_value = nullptr;
+    MEV_value_pending = 0;
+}
+
+// ---- variables of loops and assignments ----
+
+// Assigns to an identifier in the current frame, or to a procedure's local.
+void assign_variable(Cell var, Cell value, unsigned flags) {
+    if (MMM_category(var) == DOM_IDENT) {
+        MMM_release(MMM_set_value(var, value, flags, MEV_current_frame));
+    } else if (MMM_category(var) == DOM_VAR) {
+        if (!MEV_variable_writer) MER_raise(1049, nullptr);
+        MEV_variable_writer(var, value);
+    } else {
+        MER_raise(1049, nullptr);
+    }
+}
+
+Cell read_variable(Cell var) {
+    Cell v = MEV_eval(var, MEV_CONTEXT_ARGUMENT, 0);
+    return v;
+}
+
+void check_loop_variable(Cell var) {
+    const int c = MMM_category(var);
+    if (c != DOM_IDENT && c != DOM_VAR) MER_raise(1049, nullptr);
+}
+
+Cell eval_real(Cell e, int context) {
+    Cell v = MEV_eval(e, context, 0);
+    if (MMM_category(v) > 5) {
+        MMM_release(v);
+        MER_raise(1006, nullptr);
+    }
+    return v;
+}
+
+// ---- index paths ----
+
+// The integer of an index, or raises 1017 when it is none.
+long list_index(Cell list_value, Cell index) {
+    if (MMM_category(index) != DOM_INT) MER_raise(1017, nullptr);
+    const long n = MMM_child_count(list_value);
+    long i = MAR_small_int(index);
+    if (i < 0) i = n + 1 + i;
+    if (i < 1 || i > n) MER_raise(1017, nullptr);
+    return i;
+}
+
+// The key of an _index call's indices: one index is itself, several a sequence.
+Cell index_key(Cell index_expr) { return MMM_table_make_key(index_expr, 2); }
+
+// Writes value (null: delete) at the indices of index_expr into *container, which the
+// caller owns exclusively or not (it is unshared here).
+void write_at(Cell* container, Cell index_expr, Cell value) {
+    const int cat = MMM_category(*container);
+    if (cat == DOM_LIST) {
+        if (nargs(index_expr) != 2) MER_raise(1017, nullptr);
+        Cell index = MEV_eval(arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
+        long i;
+        try {
+            i = list_index(*container, index);
+        } catch (...) {
+            MMM_release(index);
+            throw;
+        }
+        MMM_release(index);
+        MMM_clone(container);
+        Cell l = *container;
+        if (!value || value == MMM_NULL) {
+            const long n = MMM_child_count(l);
+            MMM_release(MMM_children(l)[i - 1]);
+            MMM_move_children(l, i, l, i - 1, n - i);
+            MMM_children(l)[n - 1] = nullptr;
+            MMM_resize_children(container, n - 1);
+        } else {
+            MMM_release(MMM_children(l)[i - 1]);
+            MMM_children(l)[i - 1] = retained(value);
+        }
+        MMM_sign(*container);
+        return;
+    }
+    if (cat == DOM_TABLE) {
+        Cell evaluated = retained(index_expr);
+        int ext = 0;
+        Cell args = MEV_eval_args(index_expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
+        MMM_release(evaluated);
+        Cell key = index_key(args);
+        MMM_release(args);
+        MMM_clone(container);
+        if (!value || value == MMM_NULL) MMM_table_remove(&MMM_children(*container)[0], key);
+        else MMM_table_set(&MMM_children(*container)[0], key, value);
+        MMM_release(key);
+        MMM_sign(*container);
+        return;
+    }
+    if (cat == DOM_STRING) {
+        if (nargs(index_expr) != 2) MER_raise(1017, nullptr);
+        Cell index = MEV_eval(arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
+        std::string text(MMM_string_view(MMM_child(*container, 0)));
+        const bool ok = MMM_category(index) == DOM_INT && MAR_small_int(index) >= 1 &&
+                        size_t(MAR_small_int(index)) <= text.size();
+        const long i = ok ? MAR_small_int(index) : 0;
+        MMM_release(index);
+        if (!ok) MER_raise(1017, nullptr);
+        if (!value || MMM_category(value) != DOM_STRING || MMM_string_view(MMM_child(value, 0)).size() != 1)
+            MER_raise(1005, "_assign");
+        text[size_t(i - 1)] = MMM_string_view(MMM_child(value, 0))[0];
+        MMM_release(*container);
+        *container = MMM_make_string(text);
+        return;
+    }
+    MER_raise(1011, nullptr);
+}
+
+// The value an identifier or local holds, for writing into: taken out of the current
+// frame's binding when it is there, so that an unshared container is not copied.
+Cell take_for_writing(Cell target) {
+    if (MMM_category(target) == DOM_IDENT) {
+        Cell b = MMM_binding_find(target, MEV_current_frame);
+        if (b && MMM_child(b, 0)) {
+            Cell v = MMM_children(b)[0];
+            MMM_children(b)[0] = nullptr;
+            // The binding is empty only for the moment of the write; put the value back
+            // should the write fail.
+            return v;
+        }
+    }
+    Cell v = MEV_eval(target, MEV_CONTEXT_ARGUMENT, MEV_HOLD) == target ? nullptr : nullptr;
+    (void)v;
+    Cell value = nullptr;
+    if (MMM_category(target) == DOM_IDENT) value = MMM_value(target);
+    else value = MEV_eval(target, MEV_CONTEXT_ARGUMENT, 0);
+    return value;
+}
+
+// a[i] := v, and deeper paths a[i][j] := v.
+void assign_index(Cell lhs, Cell value, unsigned flags) {
+    Cell base = arg(lhs, 1);
+    if (is_call_of(base, MFN_ID_INDEX)) {
+        // a[i][j] := v: read a[i], write into it, and write it back at a[i].
+        Cell inner = MEV_eval(base, MEV_CONTEXT_ARGUMENT, 0);
+        try {
+            write_at(&inner, lhs, value);
+            assign_index(base, inner, flags);
+        } catch (...) {
+            MMM_release(inner);
+            throw;
+        }
+        MMM_release(inner);
+        return;
+    }
+    if (MMM_category(base) != DOM_IDENT && MMM_category(base) != DOM_VAR) MER_raise(1011, nullptr);
+    Cell container = take_for_writing(base);
+    if (!container) {
+        // An unbound name becomes a table.
+        container = MMM_make_table(0);
+    }
+    try {
+        write_at(&container, lhs, value);
+    } catch (...) {
+        assign_variable(base, container, flags | MMM_SET_PRIVILEGED);
+        MMM_release(container);
+        throw;
+    }
+    assign_variable(base, container, flags);
+    MMM_release(container);
+}
+
+void assign_to(Cell lhs, Cell value, unsigned flags);
+
+void assign_list(Cell lhs, Cell value, unsigned flags) {
+    if (MMM_category(value) != DOM_LIST || MMM_child_count(value) != MMM_child_count(lhs)) MER_raise(1011, nullptr);
+    for (long i = 0; i < MMM_child_count(lhs); ++i) assign_to(MMM_child(lhs, i), MMM_child(value, i), flags);
+}
+
+// f(x) := v on a built-in stores a result of the function.
+void assign_call(Cell lhs, Cell value) {
+    Cell f = MEV_eval(MMM_child(lhs, 0), MEV_CONTEXT_FREE, 0);
+    if (MMM_category(f) != DOM_FUNC_ENV || MMM_category(MMM_child(f, 0)) != DOM_EXEC) {
+        MMM_release(f);
+        MER_raise(1035, "function definition by assignment");
+    }
+    int ext = 0;
+    Cell args = MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
+    Cell key = MMM_table_make_key(args, 1);
+    MMM_release(args);
+    Cell& table = MMM_children(MMM_child(f, 0))[3];
+    if (table == MMM_NIL) {
+        MMM_release(table);
+        table = MMM_make_table(0);
+    }
+    MMM_table_set(&MMM_children(table)[0], key, value);
+    MMM_sign(table);
+    MMM_release(key);
+    MMM_release(f);
+}
+
+void assign_to(Cell lhs, Cell value, unsigned flags) {
+    switch (MMM_category(lhs)) {
+    case DOM_IDENT:
+    case DOM_VAR:
+        assign_variable(lhs, value, flags);
+        return;
+    case DOM_LIST:
+        assign_list(lhs, value, flags);
+        return;
+    case DOM_EXPR:
+        if (is_call_of(lhs, MFN_ID_INDEX)) return assign_index(lhs, value, flags);
+        if (is_call_of(lhs, MFN_ID_SLOT)) MER_raise(1035, "slot assignment");
+        return assign_call(lhs, value);
+    default:
+        MER_raise(1011, nullptr);
+    }
+}
+
+// ---- statements ----
+
+Cell stmt_stmtseq(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    for (long i = 1; i < MMM_child_count(e) && !MEV_control; ++i) MEV_exec(arg(e, i));
+    return closing(context);
+}
+
+Cell stmt_assign(Cell e, int context, unsigned flags, unsigned set_flags) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) != 2) MER_raise(1004, name_of(e).c_str());
+    Cell value = (flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE))
+                     ? retained(arg(e, 2))
+                     : MEV_eval_value(arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0);
+    try {
+        assign_to(arg(e, 1), value, set_flags);
+    } catch (...) {
+        MMM_release(value);
+        throw;
+    }
+    set_last_value(value);
+    if (context == MEV_CONTEXT_STATEMENT) {
+        MMM_release(value);
+        return nullptr;
+    }
+    return value;
+}
+
+Cell stmt_assign_plain(Cell e, int context, unsigned flags, Cell) { return stmt_assign(e, context, flags, 0); }
+Cell stmt_sysassign(Cell e, int context, unsigned flags, Cell) {
+    return stmt_assign(e, context, flags, MMM_SET_PRIVILEGED);
+}
+
+Cell stmt_if(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) != 3) MER_raise(1004, "_if");
+    const int b = MEV_bool(arg(e, 1));
+    if (b == MMM_BOOL_TRUE) MEV_exec(arg(e, 2));
+    else if (b == MMM_BOOL_FALSE) MEV_exec(arg(e, 3));
+    else MER_raise(1003, "_if");
+    return closing(context);
+}
+
+void consume_break() {
+    if (MEV_control == 4 && --MEV_control_count <= 0) MEV_control = 0;
+}
+
+// After a loop body: a `next` for this loop is used up here.
+void consume_next() {
+    if (MEV_control == 3 && --MEV_control_count <= 0) MEV_control = 0;
+}
+
+// On the way out of a loop: a `next` or `break` for this loop ends here.
+void leave_loop() {
+    if ((MEV_control == 3 || MEV_control == 4) && --MEV_control_count <= 0) MEV_control = 0;
+}
+
+Cell stmt_case(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) < 1) MER_raise(1004, "_case");
+    Cell selector = MEV_eval(arg(e, 1), MEV_CONTEXT_FREE, 0);
+    const long pairs = (nargs(e) - 1) / 2;
+    const bool has_otherwise = (nargs(e) - 1) % 2 == 1;
+    bool matched = false;
+    try {
+        for (long p = 0; p < pairs && !MEV_control; ++p) {
+            if (!matched) {
+                Cell v = MEV_eval(arg(e, 2 + 2 * p), MEV_CONTEXT_FREE, 0);
+                matched = MCM_equal(v, selector);
+                MMM_release(v);
+            }
+            if (matched) MEV_exec(arg(e, 3 + 2 * p));
+        }
+        if (has_otherwise && !MEV_control) MEV_exec(arg(e, nargs(e)));
+    } catch (...) {
+        MMM_release(selector);
+        throw;
+    }
+    MMM_release(selector);
+    consume_break();
+    return closing(context);
+}
+
+bool read_back_real(Cell var, Cell* value) {
+    Cell v = read_variable(var);
+    if (!is_real(v)) {
+        MMM_release(v);
+        return false;
+    }
+    *value = v;
+    return true;
+}
+
+Cell stmt_for(Cell e, int context, unsigned flags, bool down) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) != 5) MER_raise(1004, down ? "_for_down" : "_for");
+    clear_last_value();
+    Cell var = arg(e, 1);
+    Cell start = eval_real(arg(e, 2), MFN_ID_PLUS);
+    Cell step = nullptr, stop = nullptr;
+    try {
+        step = arg(e, 4) == MMM_NIL ? retained(MAR_ONE) : eval_real(arg(e, 4), MFN_ID_PLUS);
+        stop = eval_real(arg(e, 3), MFN_ID_PLUS);
+        check_loop_variable(var);
+        if (MAR_compare(step, MAR_ZERO) <= 0) MER_raise(1042, nullptr);
+        assign_variable(var, start, 0);
+        Cell counter = retained(start);
+        while ((down ? MAR_compare(counter, stop) >= 0 : MAR_compare(counter, stop) <= 0) && !MEV_control) {
+            MEV_exec(arg(e, 5));
+            MMM_release(counter);
+            counter = nullptr;
+            if (!read_back_real(var, &counter)) MER_raise(1201, "_for", "Illegal assignment to loop variable");
+            Cell next = down ? MAR_subtract(counter, step) : MAR_binop(counter, step, nullptr, MAR_ADD);
+            MMM_release(counter);
+            counter = next;
+            consume_next();
+            if (!MEV_control) assign_variable(var, counter, 0);
+        }
+        MMM_release(counter);
+        consume_break();
+    } catch (...) {
+        MMM_release(start);
+        MMM_release(step);
+        MMM_release(stop);
+        throw;
+    }
+    MMM_release(start);
+    MMM_release(step);
+    MMM_release(stop);
+    return closing(context);
+}
+
+Cell stmt_for_up(Cell e, int context, unsigned flags, Cell) { return stmt_for(e, context, flags, false); }
+Cell stmt_for_down(Cell e, int context, unsigned flags, Cell) { return stmt_for(e, context, flags, true); }
+
+// The operands a container gives for `for ... in` and `$ ... in`.
+std::vector<Cell> members(Cell v) {
+    std::vector<Cell> out;
+    if (v == MMM_NULL) return out;
+    switch (MMM_category(v)) {
+    case DOM_LIST:
+        for (long i = 0; i < MMM_child_count(v); ++i) out.push_back(MMM_child(v, i));
+        return out;
+    case DOM_SET: {
+        MMM_table_walker w(MMM_child(v, 0));
+        Cell key, value;
+        while (w.next(&key, &value)) out.push_back(key);
+        return out;
+    }
+    case DOM_EXPR:
+        for (long i = 1; i < MMM_child_count(v); ++i) out.push_back(MMM_child(v, i));
+        return out;
+    default:
+        out.push_back(v);
+        return out;
+    }
+}
+
+Cell stmt_for_in(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) != 3) MER_raise(1004, "_for_in");
+    clear_last_value();
+    check_loop_variable(arg(e, 1));
+    Cell container = MEV_eval(arg(e, 2), MEV_CONTEXT_FREE, 0);
+    try {
+        for (Cell m : members(container)) {
+            if (MEV_control) break;
+            assign_variable(arg(e, 1), m, 0);
+            MEV_exec(arg(e, 3));
+            consume_next();
+        }
+        leave_loop();
+    } catch (...) {
+        MMM_release(container);
+        throw;
+    }
+    MMM_release(container);
+    return closing(context);
+}
+
+Cell stmt_while(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) != 2) MER_raise(1004, "_while");
+    clear_last_value();
+    while (!MEV_control) {
+        const int b = MEV_bool(arg(e, 1));
+        if (b == MMM_BOOL_FALSE) break;
+        if (b != MMM_BOOL_TRUE) MER_raise(1043, "_while");
+        MEV_exec(arg(e, 2));
+        consume_next();
+    }
+    leave_loop();
+    return closing(context);
+}
+
+Cell stmt_repeat(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) != 2) MER_raise(1004, "_repeat");
+    clear_last_value();
+    while (!MEV_control) {
+        MEV_exec(arg(e, 1));
+        consume_next();
+        if (MEV_control) break;
+        const int b = MEV_bool(arg(e, 2));
+        if (b == MMM_BOOL_TRUE) break;
+        if (b != MMM_BOOL_FALSE) MER_raise(1043, "_repeat");
+    }
+    leave_loop();
+    return closing(context);
+}
+
+Cell stmt_transfer(Cell e, int context, unsigned flags, int control) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (nargs(e) > 1) MER_raise(1004, name_of(e).c_str());
+    if (nargs(e) == 1) {
+        // The count is checked; one loop is left whatever it says.
+        Cell n = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+        const bool ok = MMM_category(n) == DOM_INT && MAR_small_int(n) != 0;
+        MMM_release(n);
+        if (!ok) MER_raise(1013, name_of(e).c_str());
+    }
+    MEV_control = control;
+    MEV_control_count = 1;
+    if (context == MEV_CONTEXT_STATEMENT) return nullptr;
+    MEV_check_legal(context, MMM_NULL);
+    return retained(MMM_NULL);
+}
+
+Cell stmt_next(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, 3); }
+Cell stmt_break(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, 4); }
+
+Cell stmt_quit(Cell e, int context, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    MEV_control = 2;
+    MSE_session.control_state = 2;
+    return closing(context);
+}
+
+// return(x): evaluated by the front; ends the running sequence.
+Cell builtin_return(Cell e, int, unsigned, Cell) {
+    Cell v;
+    if (nargs(e) == 0) {
+        v = retained(MMM_NULL);
+    } else if (nargs(e) == 1) {
+        v = retained(arg(e, 1));
+    } else {
+        v = retained(e);
+        MMM_clone(&v);
+        MMM_release(MMM_children(v)[0]);
+        MMM_children(v)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+        MMM_sign(v);
+    }
+    MEV_control = 1;
+    set_last_value(v);
+    return v;
+}
+
+Cell stmt_delete(Cell e, int context, unsigned flags, unsigned set_flags) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    for (long i = 1; i < MMM_child_count(e); ++i) {
+        Cell x = arg(e, i);
+        if (is_call_of(x, MFN_ID_INDEX)) assign_index(x, nullptr, set_flags);
+        else if (MMM_category(x) == DOM_IDENT) MMM_release(MMM_set_value(x, nullptr, set_flags | MMM_SET_NIL_DELETES, MEV_current_frame));
+        else if (MMM_category(x) == DOM_VAR) assign_variable(x, MMM_NIL, set_flags);
+        else MER_raise(1011, nullptr);
+    }
+    return closing(context);
+}
+
+Cell stmt_delete_plain(Cell e, int context, unsigned flags, Cell) { return stmt_delete(e, context, flags, 0); }
+Cell stmt_sysdelete(Cell e, int context, unsigned flags, Cell) {
+    return stmt_delete(e, context, flags, MMM_SET_PRIVILEGED);
+}
+
+Cell stmt_save(Cell e, int, unsigned flags, Cell) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    if (!MEV_frame) MER_raise(1037, nullptr);
+    MER_raise(1035, "_save");
+}
+
+// ---- the `$` forms ----
+
+// Evaluates body once for each value, the variable saved and restored around it.
+Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
+    std::vector<Cell> results;
+    Cell saved = nullptr;
+    const bool ident = MMM_category(var) == DOM_IDENT;
+    if (ident) {
+        Cell b = MMM_binding_find(var, MEV_current_frame);
+        saved = b ? MMM_child(b, 0) : nullptr;
+        MMM_retain(saved);
+    }
+    auto restore = [&] {
+        if (ident) MMM_release(MMM_set_value(var, saved, 0, MEV_current_frame));
+        MMM_release(saved);
+    };
+    try {
+        if (ident) MMM_release(MMM_set_value(var, MMM_NULL, 0, MEV_current_frame));
+        for (Cell v : values) {
+            assign_variable(var, v, 0);
+            Cell r = MEV_eval(body, MEV_CONTEXT_ARGUMENT, 0);
+            if (r && r != MMM_NULL) results.push_back(r);
+            else MMM_release(r);
+        }
+    } catch (...) {
+        for (Cell r : results) MMM_release(r);
+        restore();
+        throw;
+    }
+    restore();
+    if (results.empty()) return retained(MMM_NULL);
+    Cell s = MMM_make_expr(long(results.size()) + 1);
+    MMM_children(s)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    for (size_t i = 0; i < results.size(); ++i) MMM_children(s)[i + 1] = results[i];
+    MMM_sign(s);
+    return s;
+}
+
+// The values a..b (or a..b step s) of a range.
+std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<Cell>& owned) {
+    std::vector<Cell> out;
+    if (!is_call_of(range, MFN_ID_RANGE) || nargs(range) != 2) MER_raise(1016, nullptr);
+    Cell lo = retained(arg(range, 1)), hi = retained(arg(range, 2));
+    if (!is_real(lo) || !is_real(hi)) {
+        MMM_release(lo);
+        MMM_release(hi);
+        MER_raise(1006, nullptr);
+    }
+    Cell step = retained(step_value ? step_value : MAR_ONE);
+    if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) {
+        MMM_release(lo);
+        MMM_release(hi);
+        MMM_release(step);
+        MER_raise(1042, nullptr);
+    }
+    for (Cell v = lo; MAR_compare(v, hi) <= 0;) {
+        owned.push_back(v);
+        out.push_back(v);
+        v = MAR_binop(v, step, nullptr, MAR_ADD);
+        if (MAR_compare(v, hi) > 0) {
+            MMM_release(v);
+            break;
+        }
+        if (out.size() > 100000000) MER_raise(1300, "_seqgen");
+    }
+    MMM_release(hi);
+    MMM_release(step);
+    return out;
+}
+
+Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
+    // The operands are evaluated by the front, except the body, which the raw form takes.
+    std::vector<Cell> owned;
+    Cell result = nullptr;
+    try {
+        if (nargs(e) == 1) {
+            Cell r = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+            try {
+                std::vector<Cell> values = range_values(r, nullptr, owned);
+                MMM_release(r);
+                result = MMM_make_expr(long(values.size()) + 1);
+                MMM_children(result)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+                for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = retained(values[i]);
+                MMM_sign(result);
+                if (values.empty()) {
+                    MMM_release(result);
+                    result = retained(MMM_NULL);
+                }
+            } catch (...) {
+                MMM_release(r);
+                throw;
+            }
+        } else if (nargs(e) == 2) {
+            Cell n = MEV_eval(arg(e, 2), MEV_CONTEXT_ARGUMENT, 0);
+            if (MMM_category(n) != DOM_INT) {
+                const bool big = MMM_category(n) == CAT_BIG_INT;
+                MMM_release(n);
+                MER_raise(big ? 1029 : 1013, "_seqgen");
+            }
+            const long count = MAR_small_int(n);
+            MMM_release(n);
+            if (count <= 0) return retained(MMM_NULL);
+            result = MMM_make_expr(count + 1);
+            MMM_children(result)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+            for (long i = 1; i <= count; ++i) MMM_children(result)[i] = nullptr;
+            for (long i = 1; i <= count; ++i) MMM_children(result)[i] = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+            MMM_sign(result);
+        } else if (nargs(e) == 3 || nargs(e) == 4) {
+            Cell r = MEV_eval(arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
+            Cell s = nargs(e) == 4 ? MEV_eval(arg(e, 4), MEV_CONTEXT_ARGUMENT, 0) : nullptr;
+            std::vector<Cell> values;
+            try {
+                values = range_values(r, s, owned);
+            } catch (...) {
+                MMM_release(r);
+                MMM_release(s);
+                throw;
+            }
+            MMM_release(r);
+            MMM_release(s);
+            check_loop_variable(arg(e, 2));
+            result = sequence_over(arg(e, 1), arg(e, 2), values);
+        } else {
+            MER_raise(1004, name_of(e).c_str());
+        }
+    } catch (...) {
+        for (Cell c : owned) MMM_release(c);
+        throw;
+    }
+    for (Cell c : owned) MMM_release(c);
+    return result;
+}
+
+Cell builtin_seqin(Cell e, int, unsigned, Cell) {
+    if (nargs(e) != 3) MER_raise(1004, "_seqin");
+    check_loop_variable(arg(e, 2));
+    Cell container = MEV_eval(arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
+    Cell result;
+    try {
+        result = sequence_over(arg(e, 1), arg(e, 2), members(container));
+    } catch (...) {
+        MMM_release(container);
+        throw;
+    }
+    MMM_release(container);
+    return result;
+}
+
+// ---- boolean connectives ----
+
+int truth_of(Cell v) {
+    if (v == MMM_TRUE) return MMM_BOOL_TRUE;
+    if (v == MMM_FALSE) return MMM_BOOL_FALSE;
+    if (v == MMM_UNKNOWN) return MMM_BOOL_UNKNOWN;
+    return 0;
+}
+
+Cell bool_cell(int b) {
+    return retained(b == MMM_BOOL_TRUE ? MMM_TRUE : b == MMM_BOOL_FALSE ? MMM_FALSE : MMM_UNKNOWN);
+}
+
+Cell builtin_not(Cell e, int, unsigned, Cell) {
+    MEV_need_args(e, 1, 1);
+    switch (truth_of(arg(e, 1))) {
+    case MMM_BOOL_TRUE: return retained(MMM_FALSE);
+    case MMM_BOOL_FALSE: return retained(MMM_TRUE);
+    case MMM_BOOL_UNKNOWN: return retained(MMM_UNKNOWN);
+    default:
+        MEV_check_legal(MFN_ID_OR, arg(e, 1));
+        return retained(e);
+    }
+}
+
+// Three-valued and/or, left to right, stopping as soon as the result is decided.
+Cell lazy(Cell e, int context, unsigned flags, bool is_and) {
+    Cell out;
+    if (opening(e, flags, &out)) return out;
+    const int stop = is_and ? MMM_BOOL_FALSE : MMM_BOOL_TRUE;
+    int result = is_and ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
+    std::vector<Cell> symbolic;
+    for (long i = 1; i < MMM_child_count(e); ++i) {
+        Cell v = MEV_eval(arg(e, i), is_and ? MFN_ID_AND : MFN_ID_OR, 0);
+        const int b = truth_of(v);
+        if (b == stop) {
+            MMM_release(v);
+            for (Cell s : symbolic) MMM_release(s);
+            (void)context;
+            return bool_cell(stop);
+        }
+        if (b == MMM_BOOL_UNKNOWN) result = MMM_BOOL_UNKNOWN;
+        else if (!b) symbolic.push_back(v), v = nullptr;
+        MMM_release(v);
+    }
+    if (symbolic.empty()) return bool_cell(result);
+    std::vector<Cell> ops = symbolic;
+    if (result == MMM_BOOL_UNKNOWN) ops.push_back(retained(MMM_UNKNOWN));
+    if (ops.size() == 1) return ops[0];
+    Cell r = MMM_make_expr(long(ops.size()) + 1);
+    MMM_children(r)[0] = retained(MMM_ident_by_id(is_and ? MFN_ID_AND : MFN_ID_OR));
+    for (size_t i = 0; i < ops.size(); ++i) MMM_children(r)[i + 1] = ops[i];
+    MMM_sign(r);
+    return r;
+}
+
+Cell builtin_lazy_and(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, true); }
+Cell builtin_lazy_or(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, false); }
+
+// _and and _or have all their operands evaluated by the front.
+Cell builtin_and_or(Cell e, int context, unsigned, Cell) {
+    const bool is_and = MMM_child(e, 0) == MMM_ident_by_id(MFN_ID_AND);
+    return lazy(e, context, MEV_ARGS_FLAT, is_and);
+}
+
+// A decision for the relations that stay unevaluated: numbers compare, other values are
+// equal only when they are the same value.
+int decide_relation(Cell v) {
+    if (MMM_category(v) != DOM_EXPR || nargs(v) != 2) return 0;
+    Cell op = MMM_child(v, 0), a = arg(v, 1), b = arg(v, 2);
+    const bool eq = op == MMM_ident_by_id(MFN_ID_EQUAL), ne = op == MMM_ident_by_id(MFN_ID_UNEQUAL);
+    if (eq || ne) {
+        const bool same = MCM_equal(a, b);
+        if (same || (MAR_is_number(a) && MAR_is_number(b)) || (MMM_category(a) != DOM_IDENT &&
+                                                              MMM_category(a) != DOM_EXPR &&
+                                                              MMM_category(b) != DOM_IDENT &&
+                                                              MMM_category(b) != DOM_EXPR)) {
+            bool equal = same;
+            if (!same && MAR_is_number(a) && MAR_is_number(b)) equal = MAR_compare(a, b) == 0 && is_real(a) && is_real(b);
+            return (equal == eq) ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
+        }
+        return 0;
+    }
+    const bool lt = op == MMM_ident_by_id(MFN_ID_LESS), le = op == MMM_ident_by_id(MFN_ID_LEEQUAL);
+    if ((lt || le) && is_real(a) && is_real(b)) {
+        const int c = MAR_compare(a, b);
+        return (lt ? c < 0 : c <= 0) ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
+    }
+    return 0;
+}
+
+}  // namespace
+
+void (*MEV_variable_writer)(Cell var, Cell value) = nullptr;
+
+void MEV_exec(Cell stmt) {
+    Cell v = MEV_eval(stmt, MEV_CONTEXT_STATEMENT, 0);
+    if (!v) return;
+    MMM_release(MEV_last_value);
+    MEV_last_value = v;
+    ++MEV_value_pending;
+}
+
+int MEV_bool(Cell cond) {
+    Cell v = MEV_eval(cond, MEV_CONTEXT_FREE, 0);
+    int b = truth_of(v);
+    if (!b) b = decide_relation(v);
+    MMM_release(v);
+    return b;
+}
+
+void MEV_stmt_start() {
+    struct Raw {
+        int id;
+        MFN_routine fn;
+    };
+    const Raw raw[] = {
+        {MFN_ID_STMTSEQ, stmt_stmtseq}, {MFN_ID_ASSIGN, stmt_assign_plain}, {MFN_ID_SYSASSIGN, stmt_sysassign},
+        {MFN_ID_IF, stmt_if},           {MFN_ID_CASE, stmt_case},           {MFN_ID_FOR, stmt_for_up},
+        {MFN_ID_FOR_DOWN, stmt_for_down}, {MFN_ID_FOR_IN, stmt_for_in},     {MFN_ID_WHILE, stmt_while},
+        {MFN_ID_REPEAT, stmt_repeat},   {MFN_ID_NEXT, stmt_next},           {MFN_ID_BREAK, stmt_break},
+        {MFN_ID_QUIT, stmt_quit},       {MFN_ID_DELETE, stmt_delete_plain}, {MFN_ID_SYSDELETE, stmt_sysdelete},
+        {MFN_ID_SAVE, stmt_save},       {MFN_ID_LAZY_AND, builtin_lazy_and}, {MFN_ID_LAZY_OR, builtin_lazy_or},
+        {MFN_ID_SEQGEN, builtin_seqgen}, {MFN_ID_SEQSTEP, builtin_seqgen},  {MFN_ID_SEQIN, builtin_seqin},
+    };
+    for (const Raw& r : raw) {
+        MFN_set_routine(r.id, r.fn);
+        MEV_set_raw(r.id);
+    }
+    MFN_set_routine(MFN_ID_RETURN, builtin_return);
+    MFN_set_routine(MFN_ID_NOT, builtin_not);
+    MFN_set_routine(MFN_ID_AND, builtin_and_or);
+    MFN_set_routine(MFN_ID_OR, builtin_and_or);
+}

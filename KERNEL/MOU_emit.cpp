@@ -1,0 +1,246 @@
+// The way out for values: channels and their formats, line breaking for TEXTWIDTH, the
+// routines behind `print` and `expr2text`, the result printer, and the start.
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+#include "MER_error.h"
+#include "MMM_ident.h"
+#include "MMM_values.h"
+#include "MOU_internal.h"
+#include "MSE_session.h"
+
+long MOU_textwidth = 75;
+long MOU_output_count = 0;
+MOU_format MOU_channel_format[MOU_CHANNEL_COUNT] = {};
+
+namespace {
+
+const char* const channel_names[MOU_CHANNEL_COUNT] = {"_res", "_prt", "_wrn", "_err", "_dbg",
+                                                      "_der", "_dpr", "_oth", "_ERR", "_PRT"};
+const char* const format_names[] = {"_txt", "_con", "_tre", "_lan", "_nul"};
+
+void write_out(const std::string& text) {
+    FILE* out = MSE_output ? MSE_output : stdout;
+    std::fwrite(text.data(), 1, text.size(), out);
+}
+
+// The columns a line takes, tabs going to the next multiple of 8.
+long columns(std::string_view line) {
+    long c = 0;
+    for (char ch : line) c = ch == '\t' ? (c / 8 + 1) * 8 : c + 1;
+    return c;
+}
+
+void break_line(std::string_view line, long width, std::string& out) {
+    if (columns(line) <= width) {
+        out.append(line);
+        return;
+    }
+    std::string text;
+    for (char ch : line) {
+        if (ch == '\t') text.append(size_t(8 - text.size() % 8), ' ');
+        else text.push_back(ch);
+    }
+    const size_t room = size_t(width - 1);  // the last column takes the backslash
+    // A cut directly behind a backslash would join it with the continuation mark, and one
+    // inside a doubled backquote would end a quoted name.
+    auto bad_cut = [&](size_t at) {
+        return text[at - 1] == '\\' || (text[at - 1] == '`' && at < text.size() && text[at] == '`');
+    };
+    size_t start = 0;
+    while (text.size() - start > size_t(width)) {
+        size_t cut = start + room;
+        while (cut > start && bad_cut(cut)) --cut;
+        if (cut == start) {
+            // A run of backslashes as long as the line: cut behind it.
+            cut = start + room;
+            while (cut < text.size() && bad_cut(cut)) ++cut;
+            if (cut >= text.size()) break;
+        }
+        out.append(text, start, cut - start);
+        out.append("\\\n");
+        start = cut;
+    }
+    out.append(text, start, std::string::npos);
+}
+
+// Emission of one text: the memory of the interrupt request is kept aside meanwhile.
+struct InterruptAside {
+    std::sig_atomic_t pending = MSE_session.interrupt_pending;
+    InterruptAside() { MSE_session.interrupt_pending = 0; }
+    ~InterruptAside() {
+        if (pending) MSE_session.interrupt_pending = pending;
+    }
+};
+
+bool is_option(Cell c, std::string_view name) {
+    return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == DOM_IDENT && MMM_ident_text(c) == name;
+}
+
+// One value for several: none gives null, one itself, more their sequence.
+Cell sequence_of(std::span<const Cell> values) {
+    if (values.empty()) return nullptr;
+    if (values.size() == 1) {
+        MMM_retain(values[0]);
+        return values[0];
+    }
+    Cell e = MMM_make_expr(long(values.size()) + 1);
+    Cell head = MMM_ident_by_id(MFN_ID_EXPRSEQ);
+    MMM_retain(head);
+    MMM_children(e)[0] = head;
+    for (size_t i = 0; i < values.size(); ++i) {
+        MMM_retain(values[i]);
+        MMM_children(e)[i + 1] = values[i];
+    }
+    MMM_sign(e);
+    return e;
+}
+
+}  // namespace
+
+void MOU_set_textwidth(long width) {
+    if (width < MOU_MIN_TEXTWIDTH) MER_raise(1012, "TEXTWIDTH");
+    MOU_textwidth = width;
+}
+
+const char* MOU_channel_name(MOU_channel channel) {
+    return channel >= 0 && channel < MOU_CHANNEL_COUNT ? channel_names[channel] : "";
+}
+
+int MOU_channel_by_name(std::string_view name) {
+    for (int i = 0; i < MOU_CHANNEL_COUNT; ++i)
+        if (name == channel_names[i]) return i;
+    return -1;
+}
+
+const char* MOU_format_name(MOU_format format) {
+    return format >= MOU_TXT && format <= MOU_NUL ? format_names[format] : "";
+}
+
+MOU_format MOU_format_by_name(std::string_view name) {
+    for (int i = MOU_TXT; i <= MOU_NUL; ++i)
+        if (name == format_names[i]) return MOU_format(i);
+    return MOU_NUL;
+}
+
+std::string MOU_break_lines(std::string_view text, long width) {
+    std::string out;
+    size_t start = 0;
+    while (start <= text.size()) {
+        const size_t end = text.find('\n', start);
+        if (end == std::string_view::npos) {
+            break_line(text.substr(start), width, out);
+            break;
+        }
+        break_line(text.substr(start, end - start), width, out);
+        out.push_back('\n');
+        start = end + 1;
+    }
+    return out;
+}
+
+void MOU_emit(Cell value, MOU_channel channel, bool newline, bool) {
+    if (!value || MOU_capture_depth > 0) return;
+    if (channel < 0 || channel >= MOU_CHANNEL_COUNT) return;
+    InterruptAside aside;
+    ++MOU_output_count;
+    // No client takes content markup or binary trees: content falls back to text, a tree
+    // is not sent.
+    const MOU_format format = MOU_channel_format[channel];
+    if (format != MOU_TXT && format != MOU_LAN && format != MOU_CON) return;
+    std::string text;
+    {
+        MOU_state_saver saved;
+        const int32_t depth = MOU_depth;
+        if (format == MOU_LAN) MOU_pretty = false;
+        MOU_sink = &text;
+        MOU_depth = 0;
+        Cell v = value;
+        try {
+            MOU_print(&v, 0, nullptr);
+        } catch (...) {
+            MOU_depth = depth;
+            throw;
+        }
+        MOU_depth = depth;
+    }
+    if (newline) text.push_back('\n');
+    write_out(MOU_break_lines(text, MOU_textwidth));
+}
+
+void MOU_printf(MOU_channel channel, const char* format, ...) {
+    if (channel < 0 || channel >= MOU_CHANNEL_COUNT || MOU_channel_format[channel] != MOU_TXT) return;
+    char buffer[4096];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+    write_out(buffer);
+}
+
+Cell MOU_print_values(std::span<const Cell> args) {
+    MOU_state_saver saved;
+    bool newline = true;
+    size_t first = 0;
+    for (; first < args.size(); ++first) {
+        Cell a = args[first];
+        if (is_option(a, "Unquoted")) {
+            MOU_unquoted = true;
+        } else if (is_option(a, "KeepOrder")) {
+            MOU_keep_order = 2;
+        } else if (is_option(a, "NoNL")) {
+            MOU_unquoted = true;
+            MOU_pretty = false;
+            newline = false;
+        } else if (!is_option(a, "Typeset")) {  // typesetting needs a client that takes it
+            break;
+        }
+    }
+    Cell value = sequence_of(args.subspan(first));
+    if (value) {
+        MOU_emit(value, MOU_PRT, newline, false);
+        MMM_release(value);
+    } else if (newline && MOU_capture_depth == 0 && MOU_channel_format[MOU_PRT] == MOU_TXT) {
+        write_out("\n");
+    }
+    MMM_retain(MMM_NULL);
+    return MMM_NULL;
+}
+
+std::string MOU_expr2text(std::span<const Cell> args) {
+    Cell value = sequence_of(args);
+    if (!value) return "";
+    MOU_state_saver saved;
+    MOU_pretty = false;
+    MOU_for_text = true;
+    MOU_unquoted = false;
+    std::string text;
+    try {
+        text = MOU_to_text(value);
+    } catch (...) {
+        MMM_release(value);
+        throw;
+    }
+    MMM_release(value);
+    return text;
+}
+
+void MOU_print_result(Cell value) {
+    if (!value || value == MMM_NULL) return;
+    MOU_emit(value, MOU_RES, true, true);
+}
+
+void MOU_start() {
+    MOU_pretty = true;
+    MOU_unquoted = MOU_in_method = MOU_for_text = MOU_source_form = MOU_statement_layout = false;
+    MOU_trailing_zeroes = false;
+    MOU_depth = 0;
+    MOU_indent = 0;
+    MOU_keep_order = 1;
+    MOU_textwidth = 75;
+    MOU_capture_depth = 0;
+    for (MOU_format& f : MOU_channel_format) f = MOU_TXT;
+    MOU_start_walker();
+    MSE_frontend.print_result = MOU_print_result;
+}
