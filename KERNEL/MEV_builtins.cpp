@@ -1,5 +1,6 @@
 // Built-ins of the evaluation core that work on functions: funcenv, builtin, the
 // overload-free operator forms and the front of domain calls.
+#include <span>
 #include <string>
 
 #include "MAR_numbers.h"
@@ -9,6 +10,7 @@
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
+#include "MOU_print.h"
 
 namespace {
 
@@ -136,6 +138,12 @@ Cell builtin_domainfunccall(Cell e, int, unsigned, Cell) {
     MER_raise(1036, nullptr, "new");  // domains and their slots come with the domain module
 }
 
+std::span<const Cell> operands(Cell e) { return {MMM_children(e) + 1, size_t(arg_count(e))}; }
+
+Cell builtin_print(Cell e, int, unsigned, Cell) { return MOU_print_values(operands(e)); }
+
+Cell builtin_expr2text(Cell e, int, unsigned, Cell) { return MMM_make_string(MOU_expr2text(operands(e))); }
+
 }  // namespace
 
 bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_front front, Cell* result) {
@@ -157,6 +165,8 @@ bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int c
 }
 
 void MEV_builtins_start() {
+    if (const MFN_record* r = MFN_record_by_name("print")) MFN_set_routine(r->id, builtin_print);
+    if (const MFN_record* r = MFN_record_by_name("expr2text")) MFN_set_routine(r->id, builtin_expr2text);
     MFN_set_routine(MFN_ID_FUNCENV, builtin_funcenv);
     MEV_front funcenv_front;
     funcenv_front.arg_context = MEV_CONTEXT_FREE;

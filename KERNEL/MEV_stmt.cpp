@@ -809,11 +809,52 @@ int decide_relation(Cell v) {
     return 0;
 }
 
+// a[i]: lists by position (negative from the end, a range gives a sublist), strings by
+// character, tables by key; anything else, or a key a table lacks, stays as the call.
+Cell builtin_index(Cell e, int, unsigned, Cell) {
+    if (nargs(e) < 2) MER_raise(1004, "_index");
+    Cell c = arg(e, 1);
+    const int cat = MMM_category(c);
+    if (cat == DOM_TABLE) {
+        Cell found = nullptr;
+        if (MMM_table_lookup(MMM_child(c, 0), e, 2, &found) && found) return retained(found);
+        return retained(e);
+    }
+    if ((cat != DOM_LIST && cat != DOM_STRING) || nargs(e) != 2) return retained(e);
+    const std::string_view text = cat == DOM_STRING ? MMM_string_view(MMM_child(c, 0)) : std::string_view();
+    const long n = cat == DOM_LIST ? MMM_child_count(c) : long(text.size());
+    Cell i = arg(e, 2);
+    auto position = [&](Cell x) -> long {
+        if (MMM_category(x) != DOM_INT) MER_raise(1023, nullptr);
+        long k = MAR_small_int(x);
+        if (k < 0) k = n + 1 + k;
+        if (k < 1 || k > n) MER_raise(1022, nullptr);
+        return k;
+    };
+    if (is_call_of(i, MFN_ID_RANGE) && nargs(i) == 2) {
+        const long lo = position(arg(i, 1)), hi = position(arg(i, 2));
+        if (lo > hi) return retained(MMM_NULL);
+        if (cat == DOM_STRING) return MMM_make_string(text.substr(size_t(lo - 1), size_t(hi - lo + 1)));
+        Cell l = MMM_make_list(hi - lo + 1);
+        for (long k = lo; k <= hi; ++k) MMM_children(l)[k - lo] = retained(MMM_child(c, k - 1));
+        MMM_sign(l);
+        return l;
+    }
+    if (MMM_category(i) != DOM_INT) {
+        if (MMM_category(i) == DOM_IDENT || MMM_category(i) == DOM_EXPR) return retained(e);
+        MER_raise(1023, nullptr);
+    }
+    const long k = position(i);
+    if (cat == DOM_STRING) return MMM_make_string(text.substr(size_t(k - 1), 1));
+    return retained(MMM_child(c, k - 1));
+}
+
 }  // namespace
 
 void (*MEV_variable_writer)(Cell var, Cell value) = nullptr;
 
 void MEV_exec(Cell stmt) {
+    if (stmt == MMM_NIL) return;  // an empty block, or a missing else part: no statement
     Cell v = MEV_eval(stmt, MEV_CONTEXT_STATEMENT, 0);
     if (!v) return;
     MMM_release(MEV_last_value);
@@ -848,6 +889,7 @@ void MEV_stmt_start() {
         MEV_set_raw(r.id);
     }
     MFN_set_routine(MFN_ID_RETURN, builtin_return);
+    MFN_set_routine(MFN_ID_INDEX, builtin_index);
     MFN_set_routine(MFN_ID_NOT, builtin_not);
     MFN_set_routine(MFN_ID_AND, builtin_and_or);
     MFN_set_routine(MFN_ID_OR, builtin_and_or);

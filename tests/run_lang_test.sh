@@ -14,7 +14,7 @@ if [ -f "$base.args" ]; then
   # shellcheck disable=SC2086
   actual=$(cd "$dir" && "$kernel" $args </dev/null 2>&1; rc=$?; [ $rc -ne 0 ] && echo "[exit $rc]")
 else
-  actual=$(cd "$dir" && "$kernel" -b - "$tv" </dev/null 2>&1; rc=$?; [ $rc -ne 0 ] && echo "[exit $rc]")
+  actual=$(cd "$dir" && "$kernel" -b - "$(basename "$tv")" </dev/null 2>&1; rc=$?; [ $rc -ne 0 ] && echo "[exit $rc]")
 fi
 if [ "$actual" == "$(cat "$expected")" ]; then
   exit 0
