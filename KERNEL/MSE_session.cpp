@@ -7,6 +7,7 @@
 #include "MAR_canonical.h"
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
+#include "MAR_functions.h"
 #include "MEV_eval.h"
 #include "MFN_env.h"
 #include "MER_error.h"
@@ -73,6 +74,7 @@ void start_modules() {
     MPA_start();
     MOU_start();
     MAR_canonical_start();
+    MAR_functions_start();
     // The evaluator and the function environments come last: the environments take the
     // bodies and fronts every module above has registered.
     MEV_start();

@@ -1,0 +1,100 @@
+// The one-argument number functions of code 1000: abs, ceil, floor, frac, isprime,
+// nextprime, fact, round, trunc. A shared front takes the call; each function's numeric
+// back end works on a number.
+#include <pari/pari.h>
+
+#include <string>
+
+#include "MAR_numbers.h"
+#include "MAR_pari.h"
+#include "MER_error.h"
+#include "MEV_eval.h"
+#include "MFN_env.h"
+#include "MFN_table.h"
+#include "MMM_ident.h"
+#include "MMM_values.h"
+
+namespace {
+
+Cell retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
+std::string name_of(Cell e) { return std::string(MMM_ident_text(MMM_child(e, 0))); }
+
+bool is_integer(Cell c) { return MMM_category(c) == DOM_INT || MMM_category(c) == CAT_BIG_INT; }
+
+// The front of code 1000: one argument; numbers go to the function's numeric back end,
+// anything else stays as the call. (ceil, floor, frac, round and trunc will look for a
+// number inside a symbolic argument once floats of expressions exist.)
+Cell front_1000(Cell e, int context, unsigned flags, Cell exec) {
+    MEV_need_args(e, 1, 1);
+    Cell x = MMM_child(e, 1);
+    if (!MAR_is_number(x)) return retained(e);
+    Cell numeric = MMM_child(exec, 1);
+    if (numeric == MMM_NIL || !MFN_code_of(numeric).routine) return retained(e);
+    return MFN_code_of(numeric).routine(e, context, flags, exec);
+}
+
+Cell with_pari(Cell x, GEN (*fn)(GEN)) {
+    GEN v = fn(MAR_at_precision(MAR_get(x)));
+    return MAR_from_pari(v, true);
+}
+
+GEN abs_at_precision(GEN x) { return gabs(x, MAR_pari_precision); }
+
+Cell numeric_abs(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), abs_at_precision); }
+Cell numeric_ceil(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), gceil); }
+Cell numeric_floor(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), gfloor); }
+Cell numeric_frac(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), gfrac); }
+Cell numeric_round(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), ground); }
+Cell numeric_trunc(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), gtrunc); }
+
+void need_integer(Cell e) {
+    if (!is_integer(MMM_child(e, 1))) MER_raise(1013, name_of(e).c_str());
+}
+
+Cell numeric_isprime(Cell e, int, unsigned, Cell) {
+    need_integer(e);
+    Cell x = MMM_child(e, 1);
+    if (MAR_compare(x, MAR_ZERO) <= 0) return retained(MMM_FALSE);
+    const bool prime = isprime(MAR_get(x));
+    MAR_reset_to_mark();
+    return retained(prime ? MMM_TRUE : MMM_FALSE);
+}
+
+Cell numeric_nextprime(Cell e, int, unsigned, Cell) {
+    need_integer(e);
+    return MAR_from_pari(nextprime(MAR_get(MMM_child(e, 1))), true);
+}
+
+Cell numeric_fact(Cell e, int, unsigned, Cell) {
+    Cell x = MMM_child(e, 1);
+    if (MMM_category(x) == CAT_BIG_INT) {
+        if (MAR_compare(x, MAR_ZERO) < 0) MER_raise(1108, "specfunc::fact");
+        MER_raise(1029, "specfunc::fact");
+    }
+    if (MMM_category(x) != DOM_INT || MAR_small_int(x) < 0) MER_raise(1108, "specfunc::fact");
+    return MAR_from_pari(mpfact(MAR_small_int(x)), true);
+}
+
+}  // namespace
+
+void MAR_functions_start() {
+    struct Fn {
+        const char* name;
+        MFN_routine numeric;
+    };
+    const Fn fns[] = {
+        {"abs", numeric_abs},         {"ceil", numeric_ceil},   {"floor", numeric_floor},
+        {"frac", numeric_frac},       {"round", numeric_round}, {"trunc", numeric_trunc},
+        {"isprime", numeric_isprime}, {"nextprime", numeric_nextprime}, {"fact", numeric_fact},
+    };
+    for (const Fn& f : fns) {
+        const MFN_record* r = MFN_record_by_name(f.name);
+        if (!r) continue;
+        MFN_set_routine(r->id, front_1000);
+        MFN_set_numeric_routine(r->id, f.numeric);
+    }
+}
