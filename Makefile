@@ -5,7 +5,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 
-.PHONY: run test build setup asan bench fuzz fuzz-build fuzz-smoke clean
+.PHONY: run test build setup asan bench bench-peers peers fuzz fuzz-build fuzz-smoke clean
 
 setup:
 	@tools/setup.sh
@@ -53,6 +53,14 @@ fuzz: fuzz-build
 bench: build
 	@$(BUILD)/bench/bench_heap
 	@$(BUILD)/bench/bench_kernel
+
+# The peer systems the comparison runs beside Torva (installed only on request).
+peers:
+	@tools/setup.sh --peers
+
+# Torva beside the peers that are installed: a table of median times and ratios.
+bench-peers: build
+	@python3 bench/peers/run.py --runs $${RUNS:-5}
 
 clean:
 	@rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
