@@ -1011,13 +1011,20 @@ Cell body_divide(Cell expr, int, unsigned, Cell) {
 
 // ---- entry points ----
 
+// Two numbers need no term collection: the number tower adds them directly.
+bool two_numbers(Cell expr) {
+    return MMM_child_count(expr) == 3 && MAR_is_number(MMM_child(expr, 1)) && MAR_is_number(MMM_child(expr, 2));
+}
+
 Cell MAR_plus(Cell expr) {
+    if (two_numbers(expr)) return MAR_binop(MMM_child(expr, 1), MMM_child(expr, 2), nullptr, MAR_ADD);
     Refs ops;
     flatten_into(expr, MFN_ID_PLUS, ops);
     return plus(expr, ops, 0).take();
 }
 
 Cell MAR_mult(Cell expr) {
+    if (two_numbers(expr)) return MAR_binop(MMM_child(expr, 1), MMM_child(expr, 2), nullptr, MAR_MULTIPLY);
     Refs ops;
     flatten_into(expr, MFN_ID_MULT, ops);
     return mult(expr, ops, 0).take();
