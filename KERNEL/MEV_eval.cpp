@@ -52,8 +52,7 @@ int column_of(Cell v) {
     if (cat != DOM_EXPR) return 30 + cat;
     Cell op = MMM_child(v, 0);
     if (is_ident(op))
-        for (int id = 1; id <= 29; ++id)
-            if (MMM_ident_by_id(id) == op) return id;
+        if (const int id = MMM_operator_id(op)) return id;
     return 22;
 }
 

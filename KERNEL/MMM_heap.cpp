@@ -7,6 +7,8 @@
 // long chain cannot exhaust the native stack.
 #include "MMM_heap.h"
 
+#include <malloc.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
@@ -408,6 +410,10 @@ int MMM_class_of(long total) {
 // ---- start and end ----
 
 void MMM_init(MMM_handler poll) {
+    // Big cells come and go with every step of a growing sum or list: keep freed memory
+    // in the process rather than handing it back to the system and faulting it in again.
+    mallopt(M_MMAP_THRESHOLD, 64 << 20);
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
     for (auto& pc : heap.pools) pc = PoolClass{};
     heap.big_head = heap.big_tail = nullptr;
     heap.poll = poll;

@@ -154,10 +154,7 @@ Cell MMM_ident(Cell name, int extra) {
 
 Cell MMM_ident_named(std::string_view text) { return MMM_ident(MMM_intern(text)); }
 
-Cell MMM_ident_by_id(int id) {
-    if (id <= 0 || id >= MFN_ID_COUNT) return nullptr;
-    return MMM_child(by_id, id);
-}
+Cell* MMM_ident_ids = nullptr;
 
 std::string_view MMM_ident_text(Cell ident) { return MMM_string_view(MMM_child(ident, 0)); }
 
@@ -336,7 +333,9 @@ void MMM_ident_start() {
     for (int id = 1; id < MFN_ID_COUNT; ++id) {
         const char* name = MFN_env_name(id);
         if (name && *name) MMM_children(by_id)[id] = MMM_ident_named(name);
+        if (name && *name && id <= 29) MMM_set_node_flags(MMM_child(by_id, id), uint16_t(id));
     }
+    MMM_ident_ids = MMM_children(by_id);
     MMM_table_set_sequence_operator(MMM_ident_by_id(MFN_ID_EXPRSEQ));
     MMM_add_reclaim_hooks(drop_dead_names, nullptr);
 }

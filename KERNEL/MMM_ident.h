@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "MMM_cell.h"
+#include "MMM_values.h"
 
 // Children of an identifier body.
 enum MMM_ident_body_field {
@@ -42,7 +43,12 @@ Cell MMM_string_value(std::string_view text);
 Cell MMM_ident(Cell name_string, int extra = 1);
 Cell MMM_ident_named(std::string_view text);
 Cell MMM_ident_exists(Cell name_string);  // borrowed, or nullptr
-Cell MMM_ident_by_id(int id);             // borrowed identifier of a built-in
+// The borrowed identifier of a built-in, by function id.
+extern Cell* MMM_ident_ids;
+inline Cell MMM_ident_by_id(int id) { return id > 0 && id < 340 ? MMM_ident_ids[id] : nullptr; }
+// The identifiers of the operators with ids 1 to 29 carry their id in their node flags,
+// so that the evaluator finds an operator's id without a search (0 for all others).
+inline int MMM_operator_id(Cell ident) { return MMM_node_flags(ident); }
 std::string_view MMM_ident_text(Cell ident);
 
 // Bindings.
