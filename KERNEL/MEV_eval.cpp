@@ -10,6 +10,7 @@
 #include "MEV_stmt.h"
 #include "MFN_env.h"
 #include "MFN_table.h"
+#include "MMM_containers.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
@@ -219,27 +220,31 @@ Cell eval_list(Cell c, int context, unsigned flags) {
     return l;
 }
 
+// Sets: elements evaluated and added by the rule of sets (a sequence element by element,
+// NULL not at all). The new set is made only at the first element that changes, so a set
+// of values evaluates to itself without a copy.
 Cell eval_set(Cell c, int context, unsigned flags) {
     MEV_check_legal(context, c);
     if (flags & MEV_HOLD) return retained(c);
-    Cell result = MMM_make_set(MMM_table_count(MMM_child(c, 0)));
-    bool changed = false;
-    MMM_table_walker w(MMM_child(c, 0));
+    Cell elements = MMM_child(c, 0);
+    Cell result = nullptr;
+    long passed = 0;  // elements before the current one, all unchanged while result is null
+    MMM_table_walker w(elements);
     Cell key, value;
     while (w.next(&key, &value)) {
         Cell v = MEV_eval(key, MEV_CONTEXT_ARGUMENT, 0);
-        if (v != key) changed = true;
-        if (is_expr(v) && MMM_child(v, 0) == MMM_ident_by_id(MFN_ID_EXPRSEQ)) {
-            for (long k = 1; k < MMM_child_count(v); ++k) MMM_table_set(&MMM_children(result)[0], MMM_child(v, k), nullptr);
-        } else if (v != MMM_NULL) {
-            MMM_table_set(&MMM_children(result)[0], v, nullptr);
+        const bool same = v == key && v != MMM_NULL && !(is_expr(v) && MMM_child(v, 0) == MMM_ident_by_id(MFN_ID_EXPRSEQ));
+        if (!result && !same) {
+            result = MMM_make_set(MMM_table_count(elements));
+            MMM_table_walker before(elements);
+            Cell k, unused;
+            for (long i = 0; i < passed && before.next(&k, &unused); ++i) MMM_table_add(&MMM_children(result)[0], k, nullptr);
         }
+        if (result) MMM_set_insert(&MMM_children(result)[0], v);
         MMM_release(v);
+        ++passed;
     }
-    if (!changed) {
-        MMM_release(result);
-        return retained(c);
-    }
+    if (!result) return retained(c);
     MMM_sign(result);
     return result;
 }
@@ -432,12 +437,6 @@ Cell builtin_level(Cell e, int, unsigned, Cell) {
 Cell builtin_null(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
     return retained(MMM_NULL);
-}
-
-Cell builtin_context(Cell e, int, unsigned, Cell) {
-    if (MMM_child_count(e) == 1) return retained(MMM_NULL);
-    if (!MEV_frame) MER_raise(1037, nullptr);
-    MER_raise(1035, "context");
 }
 
 // A statement from the top level: a fresh evaluation.
@@ -677,8 +676,5 @@ void MEV_start() {
         MFN_set_routine(r->id, builtin_level);
         MEV_set_raw(r->id);
     }
-    if (const MFN_record* r = MFN_record_by_name("context")) {
-        MFN_set_routine(r->id, builtin_context);
-        MEV_set_raw(r->id);
-    }
+    // `context` works on activations and comes with the procedure module.
 }

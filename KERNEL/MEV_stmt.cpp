@@ -6,7 +6,9 @@
 #include "MAR_numbers.h"
 #include "MCM_equal.h"
 #include "MER_error.h"
+#include "MEV_containers.h"
 #include "MEV_eval.h"
+#include "MEV_proc.h"
 #include "MEV_stmt.h"
 #include "MFN_env.h"
 #include "MFN_table.h"
@@ -58,6 +60,7 @@ void set_last_value(Cell v) {
     MMM_release(MEV_last_value);
     MEV_last_value = v;
     ++MEV_value_pending;
+    if (MEV_frame) MEV_ring_enter(v);
 }
 
 void clear_last_value() {
@@ -138,8 +141,14 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
             MMM_children(l)[n - 1] = nullptr;
             MMM_resize_children(container, n - 1);
         } else {
-            MMM_release(MMM_children(l)[i - 1]);
+            // One element changes: a node's signature is its raw words and the sum of its
+            // children's signatures, so it changes by the difference, and writing element
+            // by element costs no walk over the list.
+            Cell old = MMM_children(l)[i - 1];
             MMM_children(l)[i - 1] = retained(value);
+            l->signature += value->signature - (old ? old->signature : 0u);
+            MMM_release(old);
+            return;
         }
         MMM_sign(*container);
         return;
@@ -158,13 +167,18 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         MMM_sign(*container);
         return;
     }
+    if (cat == DOM_ARRAY) {
+        MEV_array_write(container, index_expr, value);
+        return;
+    }
     if (cat == DOM_STRING) {
         if (nargs(index_expr) != 2) MER_raise(1017, nullptr);
         Cell index = MEV_eval(arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
         std::string text(MMM_string_view(MMM_child(*container, 0)));
-        const bool ok = MMM_category(index) == DOM_INT && MAR_small_int(index) >= 1 &&
-                        size_t(MAR_small_int(index)) <= text.size();
-        const long i = ok ? MAR_small_int(index) : 0;
+        // Positions as in reading: from 1, a negative one from the end.
+        long i = MMM_category(index) == DOM_INT ? MAR_small_int(index) : 0;
+        if (i < 0) i += long(text.size()) + 1;
+        const bool ok = i >= 1 && size_t(i) <= text.size();
         MMM_release(index);
         if (!ok) MER_raise(1017, nullptr);
         if (!value || MMM_category(value) != DOM_STRING || MMM_string_view(MMM_child(value, 0)).size() != 1)
@@ -190,12 +204,34 @@ Cell take_for_writing(Cell target) {
             return v;
         }
     }
-    Cell v = MEV_eval(target, MEV_CONTEXT_ARGUMENT, MEV_HOLD) == target ? nullptr : nullptr;
-    (void)v;
-    Cell value = nullptr;
-    if (MMM_category(target) == DOM_IDENT) value = MMM_value(target);
-    else value = MEV_eval(target, MEV_CONTEXT_ARGUMENT, 0);
-    return value;
+    // A local is taken out of its slot in the same way.
+    if (MMM_category(target) == DOM_VAR) return MEV_var_take(target);
+    return MMM_value(target);
+}
+
+// The index path with its indices evaluated now, before the container is taken out of
+// its variable (an index may read that variable), each held so that the write does not
+// evaluate it again. The variable is held too: the writers evaluate all operands of the
+// path, and the variable is empty while they run.
+Cell evaluated_indices(Cell lhs) {
+    const long n = MMM_child_count(lhs);
+    Cell out = MMM_make_expr(n);
+    for (long i = 0; i < n; ++i) MMM_children(out)[i] = i < 1 ? retained(MMM_child(lhs, i)) : nullptr;
+    try {
+        for (long i = 1; i < n; ++i) {
+            Cell h = MMM_make_expr(2);
+            MMM_children(h)[0] = retained(MMM_ident_by_id(MFN_ID_HOLD));
+            MMM_children(h)[1] = nullptr;
+            MMM_children(out)[i] = h;
+            MMM_children(h)[1] = i == 1 ? retained(MMM_child(lhs, 1)) : MEV_eval(MMM_child(lhs, i), MEV_CONTEXT_ARGUMENT, 0);
+            MMM_sign(h);
+        }
+    } catch (...) {
+        MMM_release(out);
+        throw;
+    }
+    MMM_sign(out);
+    return out;
 }
 
 // a[i] := v, and deeper paths a[i][j] := v.
@@ -215,18 +251,27 @@ void assign_index(Cell lhs, Cell value, unsigned flags) {
         return;
     }
     if (MMM_category(base) != DOM_IDENT && MMM_category(base) != DOM_VAR) MER_raise(1011, nullptr);
-    Cell container = take_for_writing(base);
+    Cell path = evaluated_indices(lhs);
+    Cell container;
+    try {
+        container = take_for_writing(base);
+    } catch (...) {
+        MMM_release(path);
+        throw;
+    }
     if (!container) {
         // An unbound name becomes a table.
         container = MMM_make_table(0);
     }
     try {
-        write_at(&container, lhs, value);
+        write_at(&container, path, value);
     } catch (...) {
+        MMM_release(path);
         assign_variable(base, container, flags | MMM_SET_PRIVILEGED);
         MMM_release(container);
         throw;
     }
+    MMM_release(path);
     assign_variable(base, container, flags);
     MMM_release(container);
 }
@@ -238,12 +283,21 @@ void assign_list(Cell lhs, Cell value, unsigned flags) {
     for (long i = 0; i < MMM_child_count(lhs); ++i) assign_to(MMM_child(lhs, i), MMM_child(value, i), flags);
 }
 
-// f(x) := v on a built-in stores a result of the function.
+// f(x) := v on a built-in stores a result of the function; on a procedure, or a name
+// without value, it goes to the remember table.
 void assign_call(Cell lhs, Cell value) {
     Cell f = MEV_eval(MMM_child(lhs, 0), MEV_CONTEXT_FREE, 0);
     if (MMM_category(f) != DOM_FUNC_ENV || MMM_category(MMM_child(f, 0)) != DOM_EXEC) {
+        bool stored;
+        try {
+            stored = MEV_assign_remembered(lhs, f, value);
+        } catch (...) {
+            MMM_release(f);
+            throw;
+        }
         MMM_release(f);
-        MER_raise(1035, "function definition by assignment");
+        if (!stored) MER_raise(1011, nullptr);
+        return;
     }
     int ext = 0;
     Cell args = MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
@@ -295,6 +349,7 @@ Cell stmt_assign(Cell e, int context, unsigned flags, unsigned set_flags) {
                      ? retained(arg(e, 2))
                      : MEV_eval_value(arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0);
     try {
+        MEV_name_procedure(arg(e, 1), value);
         assign_to(arg(e, 1), value, set_flags);
     } catch (...) {
         MMM_release(value);
@@ -563,11 +618,14 @@ Cell stmt_sysdelete(Cell e, int context, unsigned flags, Cell) {
     return stmt_delete(e, context, flags, MMM_SET_PRIVILEGED);
 }
 
-Cell stmt_save(Cell e, int, unsigned flags, Cell) {
+Cell stmt_save(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
     if (!MEV_frame) MER_raise(1037, nullptr);
-    MER_raise(1035, "_save");
+    for (long i = 1; i < MMM_child_count(e); ++i)
+        if (MMM_category(arg(e, i)) != DOM_IDENT) MER_raise(1005, "_save");
+    for (long i = 1; i < MMM_child_count(e); ++i) MEV_frame_save(arg(e, i));
+    return closing(context);
 }
 
 // ---- the `$` forms ----
@@ -810,7 +868,8 @@ int decide_relation(Cell v) {
 }
 
 // a[i]: lists by position (negative from the end, a range gives a sublist), strings by
-// character, tables by key; anything else, or a key a table lacks, stays as the call.
+// character, tables by key, arrays by their indices; anything else, a key a table lacks,
+// an unset array entry or a symbolic position stays as the call.
 Cell builtin_index(Cell e, int, unsigned, Cell) {
     if (nargs(e) < 2) MER_raise(1004, "_index");
     Cell c = arg(e, 1);
@@ -820,20 +879,28 @@ Cell builtin_index(Cell e, int, unsigned, Cell) {
         if (MMM_table_lookup(MMM_child(c, 0), e, 2, &found) && found) return retained(found);
         return retained(e);
     }
+    if (cat == DOM_ARRAY) return MEV_array_read(e);
     if ((cat != DOM_LIST && cat != DOM_STRING) || nargs(e) != 2) return retained(e);
     const std::string_view text = cat == DOM_STRING ? MMM_string_view(MMM_child(c, 0)) : std::string_view();
     const long n = cat == DOM_LIST ? MMM_child_count(c) : long(text.size());
     Cell i = arg(e, 2);
-    auto position = [&](Cell x) -> long {
+    auto symbolic = [](Cell x) { return MMM_category(x) == DOM_IDENT || MMM_category(x) == DOM_EXPR; };
+    // The position counted from 1, a negative one from the end.
+    auto from_end = [&](Cell x) -> long {
         if (MMM_category(x) != DOM_INT) MER_raise(1023, nullptr);
-        long k = MAR_small_int(x);
-        if (k < 0) k = n + 1 + k;
+        const long k = MAR_small_int(x);
+        return k < 0 ? n + 1 + k : k;
+    };
+    auto position = [&](Cell x) -> long {
+        const long k = from_end(x);
         if (k < 1 || k > n) MER_raise(1022, nullptr);
         return k;
     };
     if (is_call_of(i, MFN_ID_RANGE) && nargs(i) == 2) {
+        if (symbolic(arg(i, 1)) || symbolic(arg(i, 2))) return retained(e);
+        // An empty range is NULL wherever it lies; the bounds of another must be inside.
+        if (from_end(arg(i, 1)) > from_end(arg(i, 2))) return retained(MMM_NULL);
         const long lo = position(arg(i, 1)), hi = position(arg(i, 2));
-        if (lo > hi) return retained(MMM_NULL);
         if (cat == DOM_STRING) return MMM_make_string(text.substr(size_t(lo - 1), size_t(hi - lo + 1)));
         Cell l = MMM_make_list(hi - lo + 1);
         for (long k = lo; k <= hi; ++k) MMM_children(l)[k - lo] = retained(MMM_child(c, k - 1));
@@ -841,7 +908,7 @@ Cell builtin_index(Cell e, int, unsigned, Cell) {
         return l;
     }
     if (MMM_category(i) != DOM_INT) {
-        if (MMM_category(i) == DOM_IDENT || MMM_category(i) == DOM_EXPR) return retained(e);
+        if (symbolic(i)) return retained(e);
         MER_raise(1023, nullptr);
     }
     const long k = position(i);
@@ -860,6 +927,7 @@ void MEV_exec(Cell stmt) {
     MMM_release(MEV_last_value);
     MEV_last_value = v;
     ++MEV_value_pending;
+    if (MEV_frame) MEV_ring_enter(v);
 }
 
 int MEV_bool(Cell cond) {

@@ -1,9 +1,13 @@
 // Identifiers, interned names, bindings by frame, procedure variables and frames.
 #include "MMM_ident.h"
 
+#include <algorithm>
 #include <cstring>
+#include <unordered_map>
+#include <vector>
 
 #include "MER_error.h"
+#include "MFN_env.h"
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_table.h"
@@ -11,6 +15,7 @@
 
 Cell MEV_root_frame = nullptr;
 Cell MEV_current_frame = nullptr;
+void (*MMM_user_protection_hook)(Cell ident) = nullptr;
 
 namespace {
 
@@ -191,9 +196,23 @@ int MMM_protection(Cell ident) {
 
 // ---- values ----
 
+Cell MMM_setter(Cell ident) {
+    Cell body = body_of(ident);
+    return MMM_child_count(body) > MMM_IB_SETTER ? MMM_child(body, MMM_IB_SETTER) : nullptr;
+}
+
+Cell MMM_getter(Cell ident) {
+    Cell body = body_of(ident);
+    return MMM_child_count(body) > MMM_IB_GETTER ? MMM_child(body, MMM_IB_GETTER) : nullptr;
+}
+
+namespace {
+
+Cell run_getter(Cell getter, int mode) { return MFN_code_of(getter).routine(nullptr, mode, 0, getter); }
+
 // The walk passes over bindings that hold no value, so that after a deletion in a frame
 // the value of the frame above shows again. A properties binding ends it with no value.
-Cell MMM_value(Cell ident) {
+Cell walk_value(Cell ident) {
     Cell current = MEV_current_frame;
     for (Cell f = current; f && f != MMM_NIL; f = MMM_frame_parent(f)) {
         Cell b = lookup_in(ident, f);
@@ -208,36 +227,32 @@ Cell MMM_value(Cell ident) {
     return nullptr;
 }
 
-Cell MMM_value_in(Cell ident, Cell frame, bool) {
-    Cell b = MMM_binding_find(ident, frame);
-    if (!b || (binding_flags(b) & MMM_BIND_PROPERTIES)) return nullptr;
-    Cell v = binding_value(b);
-    MMM_retain(v);
-    return v;
-}
-
-Cell MMM_set_value(Cell ident, Cell value, unsigned flags, Cell frame) {
-    const char* action = value ? "_assign" : "delete";
+// The protection test of an assignment (value null: a deletion) into `frame`.
+void check_protection(Cell ident, Cell value, unsigned flags, Cell frame) {
     Cell binding = MMM_binding_find(ident, frame);
     Cell effective = binding ? binding : effective_binding(ident, frame);
     const int level = effective ? MMM_binding_level(effective) : 0;
+    if (level == MMM_PROTECT_NONE) return;
+    const char* action = value ? "_assign" : "delete";
     const std::string name(MMM_ident_text(ident));
     switch (level) {
     case MMM_PROTECT_WARNING:
-        if (!(flags & MMM_SET_PRIVILEGED)) {
-            std::string text = "\nWarning: protected variable " + name + " overwritten\n";
-            MER_warn(-1005, text.c_str());
-        }
+        if (!(flags & MMM_SET_PRIVILEGED)) MER_write(-1005, "\nWarning: protected variable " + name + " overwritten\n");
         break;
     case MMM_PROTECT_ERROR:
         if (!(flags & MMM_SET_PRIVILEGED)) MER_raise(1046, action, name.c_str());
         break;
     case MMM_PROTECT_USER:
-        // The library's protecterror hook runs here once the evaluator calls procedures.
+        if (!(flags & MMM_SET_PRIVILEGED) && MMM_user_protection_hook) MMM_user_protection_hook(ident);
         break;
-    case MMM_PROTECT_KERNEL: MER_raise(1046, action, name.c_str());
-    default: break;
+    default: MER_raise(1046, action, name.c_str());  // the kernel's own names never change
     }
+}
+
+// Stores the value (null: deletes) in the binding of `frame`, made if need be; gives the
+// old value (owned). Protection has been tested.
+Cell store_value(Cell ident, Cell value, Cell frame) {
+    Cell binding = MMM_binding_find(ident, frame);
     if (!value) {
         // A frame held by an identifier cannot be deleted while it is in use.
         if (binding && binding_value(binding) && MMM_is_node(binding_value(binding), DOM_FRAME) &&
@@ -258,12 +273,63 @@ Cell MMM_set_value(Cell ident, Cell value, unsigned flags, Cell frame) {
     MMM_children(binding)[0] = value;
     MMM_sign(binding);
     set_cache(ident, frame, binding);
+    if (!value && old && MMM_is_node(old, DOM_FRAME)) MMM_frame_close(old);  // deleting a frame's name closes it
     return old;
 }
 
-Cell MMM_set_value_checked(Cell ident, Cell value, unsigned flags, Cell frame, bool) {
+}  // namespace
+
+Cell MMM_value(Cell ident) {
+    if (Cell getter = MMM_getter(ident)) return run_getter(getter, 0);
+    return walk_value(ident);
+}
+
+Cell MMM_value_in(Cell ident, Cell frame, bool use_getter) {
+    if (use_getter) {
+        if (Cell getter = MMM_getter(ident)) return run_getter(getter, 0);
+    }
+    Cell b = MMM_binding_find(ident, frame);
+    if (!b || (binding_flags(b) & MMM_BIND_PROPERTIES)) return nullptr;
+    Cell v = binding_value(b);
+    MMM_retain(v);
+    return v;
+}
+
+Cell MMM_set_value(Cell ident, Cell value, unsigned flags, Cell frame) {
+    if (MMM_setter(ident)) return MMM_set_value_checked(ident, value, flags, frame, value == nullptr);
+    check_protection(ident, value, flags, frame);
+    return store_value(ident, value, frame);
+}
+
+Cell MMM_set_value_checked(Cell ident, Cell value, unsigned flags, Cell frame, bool rerun) {
     if (value == MMM_NIL && (flags & MMM_SET_NIL_DELETES)) value = nullptr;
-    return MMM_set_value(ident, value, flags, frame);
+    check_protection(ident, value, flags, frame);
+    Cell setter = MMM_setter(ident);
+    if (!setter) return store_value(ident, value, frame);
+    const MFN_routine set = MFN_code_of(setter).routine;
+    Cell normal = set(value ? value : MMM_NIL, 0, 0, setter);
+    Cell old;
+    try {
+        old = store_value(ident, value ? normal : nullptr, frame);
+    } catch (...) {
+        MMM_release(normal);
+        throw;
+    }
+    MMM_release(normal);
+    if (rerun) {
+        Cell now = walk_value(ident);
+        Cell again = nullptr;
+        try {
+            again = set(now ? now : MMM_NIL, 0, 0, setter);
+        } catch (...) {
+            MMM_release(now);
+            MMM_release(old);
+            throw;
+        }
+        MMM_release(again);
+        MMM_release(now);
+    }
+    return old;
 }
 
 void MMM_sign_idents() { MMM_table_filter(&namespace_table(), dead_identifier, nullptr); }
@@ -295,9 +361,39 @@ int MMM_var_index(Cell var) {
 }
 
 // ---- frames ----
+//
+// A frame body's raw data: word 0 the next free slot of the child list, word 1 its
+// capacity, then the slots, each the serial (signature) of a child frame's body. Serials
+// rather than references: a child that nobody holds any longer may go away without its
+// slot pointing at freed memory, and a slot whose frame is gone is never resolved.
+
+namespace {
+
+constexpr uint32_t FRAME_SLOT_STEP = 8;
+Cell anonymous_name = nullptr;  // the identifier AnonymousFrame (a root)
+
+Cell& frame_body(Cell frame) { return MMM_children(frame)[0]; }
+uint32_t frame_word(Cell body, long i) {
+    uint32_t w;
+    std::memcpy(&w, body->data + 4 * i, 4);
+    return w;
+}
+void set_frame_word(Cell body, long i, uint32_t w) { std::memcpy(body->data + 4 * i, &w, 4); }
+uint32_t serial_of(Cell frame) { return MMM_child(frame, 0)->signature; }
+
+bool contains_frame(const std::vector<Cell>& frames, Cell f) {
+    return std::find(frames.begin(), frames.end(), f) != frames.end();
+}
+
+bool in_closed_frame(Cell frame, Cell, void* closing) {
+    return contains_frame(*static_cast<std::vector<Cell>*>(closing), frame);
+}
+
+}  // namespace
 
 Cell MMM_frame_new(Cell parent, Cell name) {
-    Cell body = MMM_new_zeroed(MMM_FRAME_BODY, 8, 2);
+    Cell body = MMM_new_zeroed(MMM_FRAME_BODY, 4 * (2 + FRAME_SLOT_STEP), 2);
+    set_frame_word(body, 1, FRAME_SLOT_STEP);
     MMM_retain(parent);
     MMM_retain(name);
     MMM_children(body)[0] = parent;
@@ -310,6 +406,96 @@ Cell MMM_frame_new(Cell parent, Cell name) {
 }
 
 Cell MMM_frame_parent(Cell frame) { return MMM_child(MMM_child(frame, 0), 0); }
+
+Cell MMM_frame_name(Cell frame) { return MMM_child(MMM_child(frame, 0), 1); }
+
+long MMM_frame_child_count(Cell frame) { return frame_word(MMM_child(frame, 0), 0); }
+
+uint32_t MMM_frame_child_serial(Cell frame, long i) { return frame_word(MMM_child(frame, 0), 2 + i); }
+
+void MMM_frame_add_child(Cell parent, Cell child) {
+    // The body has identity and is written in place; a move to a larger cell keeps its
+    // serial, so the frame's signature and every table keyed by the frame stay valid.
+    Cell& body = frame_body(parent);
+    const uint32_t used = frame_word(body, 0), capacity = frame_word(body, 1);
+    if (used == capacity) {
+        const uint32_t serial = body->signature;
+        MMM_resize_data(&body, body->size + 4 * long(FRAME_SLOT_STEP));
+        if (body->size < long(4 * (2 + capacity + FRAME_SLOT_STEP))) MER_raise(1300, nullptr);
+        body->signature = serial;
+        set_frame_word(body, 1, capacity + FRAME_SLOT_STEP);
+    }
+    set_frame_word(body, 2 + used, serial_of(child));
+    set_frame_word(body, 0, used + 1);
+}
+
+bool MMM_frame_remove_child(Cell parent, Cell child) {
+    Cell body = frame_body(parent);
+    const uint32_t used = frame_word(body, 0), serial = serial_of(child);
+    for (uint32_t i = 0; i < used; ++i) {
+        if (frame_word(body, 2 + i) != serial) continue;
+        for (uint32_t j = i + 1; j < used; ++j) set_frame_word(body, 1 + j, frame_word(body, 2 + j));
+        set_frame_word(body, 0, used - 1);
+        return true;
+    }
+    return false;
+}
+
+bool MMM_frame_is_ancestor_or_self(Cell frame, Cell of) { return is_ancestor_or_self(frame, of); }
+
+void MMM_frame_close(Cell frame) {
+    // Every frame the identifier table knows: keys of bindings and values that are frames.
+    std::unordered_map<uint32_t, Cell> known;
+    {
+        MMM_table_walker names(namespace_table());
+        Cell name, ident;
+        while (names.next(&name, &ident)) {
+            MMM_table_walker bindings(body_field(ident, MMM_IB_BINDINGS));
+            Cell f, b;
+            while (bindings.next(&f, &b)) {
+                known.emplace(serial_of(f), f);
+                if (Cell v = binding_value(b); v && MMM_is_node(v, DOM_FRAME)) known.emplace(serial_of(v), v);
+            }
+        }
+    }
+    // The frame and its descendants: through the child lists, and any known frame whose
+    // parent chain reaches a closed one (a child whose slot could not be resolved, because
+    // nothing held it, may still have a child that holds bindings).
+    std::vector<Cell> closing{frame};
+    for (size_t i = 0; i < closing.size(); ++i) {
+        for (long k = 0; k < MMM_frame_child_count(closing[i]); ++k) {
+            auto it = known.find(MMM_frame_child_serial(closing[i], k));
+            if (it != known.end() && !contains_frame(closing, it->second)) closing.push_back(it->second);
+        }
+    }
+    for (const auto& [serial, f] : known) {
+        if (contains_frame(closing, f)) continue;
+        for (Cell p = MMM_frame_parent(f); p && p != MMM_NIL; p = MMM_frame_parent(p)) {
+            if (contains_frame(closing, p)) {
+                closing.push_back(f);
+                break;
+            }
+        }
+    }
+    // Held while their bindings go: a binding key may be the last holder of a frame.
+    for (Cell f : closing) MMM_retain(f);
+    for (Cell f : closing) {
+        Cell parent = MMM_frame_parent(f);
+        if (parent && parent != MMM_NIL) MMM_frame_remove_child(parent, f);
+        set_frame_word(frame_body(f), 0, 0);
+        Cell& name = MMM_children(frame_body(f))[1];
+        MMM_retain(anonymous_name);
+        MMM_release(name);
+        name = anonymous_name;
+    }
+    MMM_table_walker names(namespace_table());
+    Cell name, ident;
+    while (names.next(&name, &ident)) {
+        MMM_table_filter(&body_field(ident, MMM_IB_BINDINGS), in_closed_frame, &closing);
+        if (contains_frame(closing, body_field(ident, MMM_IB_LAST_FRAME))) set_cache(ident, nullptr, nullptr);
+    }
+    for (Cell f : closing) MMM_release(f);
+}
 
 // ---- start ----
 
@@ -325,6 +511,8 @@ void MMM_ident_start() {
     MMM_children(namespace_)[0] = body;
     MMM_sign(namespace_);
 
+    MMM_add_root(&anonymous_name);
+    anonymous_name = MMM_ident_named("AnonymousFrame");
     MEV_root_frame = MMM_frame_new(MMM_NIL, MMM_NIL);
     MEV_current_frame = MEV_root_frame;
     MMM_retain(MEV_current_frame);

@@ -57,12 +57,29 @@ Cell MMM_binding_make(Cell ident, Cell frame);  // borrowed
 int MMM_binding_level(Cell binding);
 void MMM_binding_set_level(Cell binding, int level);
 
-// The value in the current frame chain (new reference), or nullptr for none.
+// The routines in the body of an environment variable (MMM_CODE cells, borrowed), or
+// nullptr. Both have the signature of a built-in: the setter is called as
+// (value, 0, 0, code) and gives the value to store (new reference) or raises; the getter
+// as (nullptr, mode, 0, code) and gives the value (new reference) or nullptr for none,
+// mode 1 asking for nothing when only the default applies.
+Cell MMM_setter(Cell ident);
+Cell MMM_getter(Cell ident);
+// Runs `protecterror(ident, "write")` for an assignment at level User; the evaluator
+// installs it. Without it the assignment goes on at once.
+extern void (*MMM_user_protection_hook)(Cell ident);
+
+// The value in the current frame chain (new reference), or nullptr for none. An
+// identifier with a getter has the getter's value.
 Cell MMM_value(Cell ident);
-// The value in this frame only, no walk (new reference or nullptr).
+// The value in this frame only, no walk (new reference or nullptr); with `use_getter`
+// an identifier with a getter has the getter's value.
 Cell MMM_value_in(Cell ident, Cell frame, bool use_getter);
-// The single path of assignment; value nullptr deletes. Gives the old value (owned).
+// The single path of assignment; value nullptr deletes. Gives the old value (owned). An
+// identifier with a setter goes through MMM_set_value_checked, a deletion with `rerun`.
 Cell MMM_set_value(Cell ident, Cell value, unsigned flags, Cell frame);
+// Protection first, then the setter, whose value is stored (null for a deletion, and for
+// NIL with MMM_SET_NIL_DELETES); with `rerun` the setter then gets the value the frame
+// walk now finds (NIL for none). A setter's error leaves everything as it was.
 Cell MMM_set_value_checked(Cell ident, Cell value, unsigned flags, Cell frame, bool rerun);
 // The protection level in force for the identifier in the current frame chain.
 int MMM_protection(Cell ident);
@@ -81,6 +98,20 @@ extern Cell MEV_root_frame;
 extern Cell MEV_current_frame;
 Cell MMM_frame_new(Cell parent, Cell name);  // new reference
 Cell MMM_frame_parent(Cell frame);           // borrowed; NIL above the root
+Cell MMM_frame_name(Cell frame);             // borrowed: the identifier, NIL for the root
+// The list of child frames in the body's raw data: the serials (signatures) of the
+// children's bodies. Adding and removing change the body in place; its signature stays.
+long MMM_frame_child_count(Cell frame);
+uint32_t MMM_frame_child_serial(Cell frame, long i);
+void MMM_frame_add_child(Cell parent, Cell child);
+bool MMM_frame_remove_child(Cell parent, Cell child);
+// Whether `frame` is `of` or one of its ancestors.
+bool MMM_frame_is_ancestor_or_self(Cell frame, Cell of);
+// Closes a frame, as deleting the identifier that holds it does: its descendants are
+// closed with it, each is taken out of its parent's list and named AnonymousFrame, and
+// every binding in them is dropped from the identifier table. The caller has made sure
+// that the frame is neither the current frame nor above it.
+void MMM_frame_close(Cell frame);
 
 // Makes the string table, the namespace, the variable table and the root frame.
 void MMM_ident_start();

@@ -789,6 +789,8 @@ void print_procedure_value(Cell proc, int context) {
     f.defaults = MMM_child(proc, 9);
     f.saves = MMM_child(proc, 10);
     f.options = MMM_node_flags(proc) & (OPT_NO_DEBUG | OPT_HOLD | OPT_REMEMBER | OPT_ARROW | OPT_ESCAPE | OPT_NO_EXPOSE);
+    // The word noExpose sets the noDebug bit too: it is shown once, as it was written.
+    if (f.options & OPT_NO_EXPOSE) f.options &= ~OPT_NO_DEBUG;
     print_procedure(f, context);
 }
 
@@ -942,7 +944,7 @@ bool MOU_plain_name(std::string_view name) {
 // ---- the walker ----
 
 void MOU_print(Cell* ref, int context, Cell separator) {
-    if (++MOU_depth > MOU_max_depth) {
+    if (++MOU_depth > MOU_max_depth || MSE_stack_nearly_full()) {
         MOU_depth = 0;
         MER_raise(1302, nullptr);
     }

@@ -7,6 +7,7 @@
 #include "MAR_numbers.h"
 #include "MCM_equal.h"
 #include "MER_error.h"
+#include "MEV_proc.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
@@ -1520,8 +1521,14 @@ void MPA_start() {
 }
 
 void MPA_local_string_reader::prepare() {
-    // The scopes of running procedures come from the evaluator's frames; until procedures
-    // run there are none to push.
+    // The scopes of the running procedures, outermost first, so that their names read as
+    // the locals they are.
+    for (auto* v : {&scope_params, &scope_locals, &scope_names}) {
+        for (Cell c : *v) MMM_release(c);
+        v->clear();
+    }
+    MEV_running_scopes(scope_params, scope_locals, scope_names);
+    proc_depth = int32_t(scope_params.size());
 }
 
 Cell MPA_lazy_condition(Cell tree) {

@@ -8,7 +8,10 @@
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MAR_functions.h"
+#include "MEV_env.h"
 #include "MEV_eval.h"
+#include "MEV_ops.h"
+#include "MEV_proc.h"
 #include "MFN_env.h"
 #include "MER_error.h"
 #include "MMM_heap.h"
@@ -73,8 +76,12 @@ void start_modules() {
     MAR_set_poll(MSE_poll);
     MPA_start();
     MOU_start();
+    // The environment variables come before any other module makes one of their names.
+    MEV_env_start();
     MAR_canonical_start();
     MAR_functions_start();
+    MEV_ops_start();
+    MEV_proc_start();
     // The evaluator and the function environments come last: the environments take the
     // bodies and fronts every module above has registered.
     MEV_start();
@@ -159,6 +166,7 @@ void MSE_stop(int exit_code, bool end_process) {
         }
         state = State::stopped;
         MSE_watchdog_cancel();
+        MSE_time_limit_cancel();
         MSE_remove_signal_handlers();
         std::set_new_handler(MSE_session.old_new_handler);
     } catch (const MER_exception& e) {
@@ -179,6 +187,11 @@ void MSE_poll() {
         MSE_session.interrupt_pending = 0;
         MER_raise(1102, nullptr);
     }
+    // The time limit of a traperror: its timer only set the flag.
+    if (MSE_time_limit_expired()) {
+        MSE_time_limit_cancel();
+        MER_raise(1320, nullptr);
+    }
 }
 
 void MSE_status_line() {
@@ -186,7 +199,7 @@ void MSE_status_line() {
     const long used = long(MMM_used_bytes()) + pari;
     const long reserved = long(MMM_reserved_bytes()) + pari;
     const long seconds = (MSE_monotonic_ms() - MSE_limits.command_start_ms) / 1000;
-    std::fprintf(MSE_output, "[used=%ldk, reserved=%ldk, seconds=%ld]\n", used / 1000, reserved / 1000, seconds);
+    MOU_printf(MOU_WRN, "[used=%ldk, reserved=%ldk, seconds=%ld]\n", used / 1000, reserved / 1000, seconds);
     std::fflush(MSE_output);
 }
 
@@ -244,25 +257,11 @@ void MSE_tidy() {
 }
 
 void MSE_recover(bool clear_error) {
-    if (MER_pending == 1014) MSE_stop(1, true);
-    if (MSE_frontend.reset_evaluator) MSE_frontend.reset_evaluator();
-    MAR_reset_stack();
     MSE_session.control_state = MSE_session.control_state == 2 ? 2 : 0;
-    if (MER_pending == 1300) {
-        // Memory is back only after the sweep; the report could not be made before.
-        MMM_mark_all();
-        MMM_sweep();
-        MSE_error_report(1300, nullptr);
-    }
-    if (clear_error) MER_pending = 0;
+    MER_reset(clear_error);
 }
 
-void MSE_write_report(long number, const std::string& text) {
-    FILE* out = number == 1014 ? MSE_session.std_err : MSE_output;
-    if (!out) out = stdout;
-    std::fprintf(out, "%s\n", text.c_str());
-    std::fflush(out);
-}
+void MSE_write_report(long number, const std::string& text) { MER_write(number, text + "\n"); }
 
 namespace {
 void report_va(long code, const char* text, ...) {

@@ -167,7 +167,8 @@ extern MSE_limits_record MSE_limits;
 void MSE_set_report(long user_value);
 long MSE_get_report();
 
-// Writes a finished report text on its channel (1014 on the system's error stream).
+// Writes a finished report text and a line end on its channel (1014 on the system's
+// error stream).
 void MSE_write_report(long number, const std::string& text);
 // Error report of the session: the same routine as MER_report.
 void MSE_error_report(long code, const char* text);
@@ -178,6 +179,12 @@ void MSE_remove_signal_handlers();
 bool MSE_watchdog_start(long seconds);
 void MSE_watchdog_cancel();
 bool MSE_watchdog_fired();
+// The time limit of traperror: one timer, set for the nearest deadline (monotonic
+// milliseconds). When it expires its handler sets a flag, and MSE_poll raises 1320.
+// Setting a deadline or cancelling clears the flag.
+void MSE_time_limit_set(long deadline_ms);
+void MSE_time_limit_cancel();
+bool MSE_time_limit_expired();
 long MSE_monotonic_ms();
 // The lowest address and the size of the calling thread's stack (0 when unknown).
 void MSE_stack_bounds(const char** low, size_t* size);

@@ -20,6 +20,13 @@ bool watchdog_armed = false;
 constexpr int WATCHDOG_SIGNAL = SIGALRM;
 constexpr long WATCHDOG_GRACE_MS = 1000;
 
+// The time limit of traperror: a second timer on its own signal.
+volatile std::sig_atomic_t time_limit_flag = 0;
+long time_limit_deadline = 0;  // 0 when no limit runs
+timer_t time_limit_timer;
+bool time_limit_made = false;
+int time_limit_signal() { return SIGRTMIN; }
+
 char* alt_stack = nullptr;
 uintptr_t stack_low = 0;  // lowest address of the kernel thread's stack
 
@@ -55,6 +62,8 @@ void on_watchdog(int) {
     write_stderr("Watchdog time exceeded.\n");
     ::_exit(2);
 }
+
+void on_time_limit(int) { time_limit_flag = 1; }
 
 // A fault just below the stack's lowest address (its guard pages) or in its last pages.
 bool is_stack_overflow(uintptr_t addr) {
@@ -180,3 +189,43 @@ void MSE_watchdog_cancel() {
 }
 
 bool MSE_watchdog_fired() { return watchdog_flag != 0; }
+
+void MSE_time_limit_set(long deadline_ms) {
+    time_limit_deadline = deadline_ms;
+    if (!time_limit_made) {
+        set_handler(time_limit_signal(), on_time_limit, SA_RESTART);
+        sigevent ev{};
+        ev.sigev_notify = SIGEV_SIGNAL;
+        ev.sigev_signo = time_limit_signal();
+        if (timer_create(CLOCK_MONOTONIC, &ev, &time_limit_timer) != 0) {
+            // Without a timer the limit is found by the clock at the next poll.
+            time_limit_flag = 0;
+            return;
+        }
+        time_limit_made = true;
+    }
+    time_limit_flag = 0;
+    itimerspec spec{};
+    const long now = MSE_monotonic_ms();
+    const long ms = deadline_ms > now ? deadline_ms - now : 0;
+    spec.it_value.tv_sec = ms / 1000;
+    spec.it_value.tv_nsec = (ms % 1000) * 1000000L;
+    if (ms <= 0) spec.it_value.tv_nsec = 1;  // an expiry of zero would disarm the timer
+    timer_settime(time_limit_timer, 0, &spec, nullptr);
+}
+
+void MSE_time_limit_cancel() {
+    if (time_limit_made) {
+        itimerspec off{};
+        timer_settime(time_limit_timer, 0, &off, nullptr);
+    }
+    time_limit_flag = 0;
+    time_limit_deadline = 0;
+}
+
+// The clock is read only once the flag is up (or when there is no timer): a signal of an
+// earlier setting that arrives late finds the deadline not reached and is ignored.
+bool MSE_time_limit_expired() {
+    if (!time_limit_deadline || (time_limit_made && !time_limit_flag)) return false;
+    return MSE_monotonic_ms() >= time_limit_deadline;
+}

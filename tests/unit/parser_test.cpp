@@ -38,7 +38,16 @@ std::string capture(F f) {
     return text;
 }
 
+// The trees as the parser builds them: the procedure module's conversion of `_procdef`
+// trees into procedures is left out while a test reads.
+struct RawProcdef {
+    decltype(MPA_hooks.procdef) saved = MPA_hooks.procdef;
+    RawProcdef() { MPA_hooks.procdef = nullptr; }
+    ~RawProcdef() { MPA_hooks.procdef = saved; }
+};
+
 Parsed parse(std::string_view text) {
+    RawProcdef raw;
     Parsed p;
     MPA_tree_reader r(text, false, 1);
     p.output = capture([&] { r.run(); });

@@ -1,0 +1,222 @@
+// The built-ins table(...), _frame, _parentFrame and _rootFrame, and index access to
+// arrays.
+#include "MEV_containers.h"
+
+#include <string>
+#include <vector>
+
+#include "MAR_numbers.h"
+#include "MER_error.h"
+#include "MEV_eval.h"
+#include "MFN_table.h"
+#include "MMM_containers.h"
+#include "MMM_ident.h"
+#include "MMM_table.h"
+#include "MMM_values.h"
+
+namespace {
+
+Cell retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
+long nargs(Cell e) { return MMM_child_count(e) - 1; }
+Cell arg(Cell e, long i) { return MMM_child(e, i); }
+
+bool is_equation(Cell x) {
+    return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(MFN_ID_EQUAL) && nargs(x) >= 1;
+}
+
+// The key of an evaluated equation: the operands before the last one, as the table's
+// index rule makes keys (one is itself, more a sequence). An equation whose left side
+// was a sequence has been flattened by the evaluation of its operands.
+Cell equation_key(Cell eq) {
+    const long n = nargs(eq) - 1;
+    if (n == 1) return retained(arg(eq, 1));
+    Cell key = MMM_make_expr(n + 1);
+    MMM_children(key)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    for (long i = 1; i <= n; ++i) MMM_children(key)[i] = retained(arg(eq, i));
+    MMM_sign(key);
+    return key;
+}
+
+// table(eq1, eq2, ..., t, ...): equations key = value and tables, merged in order.
+Cell builtin_table(Cell e, int, unsigned, Cell) {
+    Cell t = MMM_make_table(nargs(e));
+    try {
+        Cell& hash = MMM_children(t)[0];
+        for (long i = 1; i <= nargs(e); ++i) {
+            Cell a = arg(e, i);
+            if (MMM_is_node(a, DOM_TABLE)) {
+                MMM_table_walker w(MMM_child(a, 0));
+                Cell key, value;
+                while (w.next(&key, &value)) MMM_table_set(&hash, key, value);
+            } else if (is_equation(a)) {
+                // An equation that lost its value to NULL makes no entry.
+                if (nargs(a) < 2) continue;
+                Cell key = equation_key(a);
+                try {
+                    MMM_table_set(&hash, key, arg(a, nargs(a)));
+                } catch (...) {
+                    MMM_release(key);
+                    throw;
+                }
+                MMM_release(key);
+            } else {
+                MER_raise(1005, "table");
+            }
+        }
+    } catch (...) {
+        MMM_release(t);
+        throw;
+    }
+    MMM_sign(t);
+    return t;
+}
+
+// _frame(x) for an identifier: the frame x holds in the current frame, or a new child
+// frame named x, bound to x there.
+Cell enter_named(Cell ident) {
+    if (Cell v = MMM_value_in(ident, MEV_current_frame, true)) {
+        Cell r;
+        try {
+            r = MEV_eval(v, MEV_CONTEXT_ARGUMENT, 0);
+        } catch (...) {
+            MMM_release(v);
+            throw;
+        }
+        MMM_release(v);
+        if (MMM_is_node(r, DOM_FRAME)) {
+            MEV_enter_frame(r);
+            return r;
+        }
+        MMM_release(r);
+    }
+    Cell parent = MEV_current_frame;
+    Cell frame = MMM_frame_new(parent, ident);
+    try {
+        MMM_release(MMM_set_value(ident, frame, 0, parent));
+    } catch (...) {
+        MMM_release(frame);
+        throw;
+    }
+    if (parent != MEV_root_frame) MMM_frame_add_child(parent, frame);
+    MEV_enter_frame(frame);
+    return frame;
+}
+
+Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
+    Cell held = nullptr;
+    Cell x = retained(e);
+    bool done;
+    try {
+        done = MEV_check_hold(&x, context, flags, &held, 100);
+    } catch (...) {
+        MMM_release(x);
+        throw;
+    }
+    MMM_release(x);
+    if (done) return held;
+    if (nargs(e) > 1) MER_raise(1004, "_frame");
+    if (nargs(e) == 0) return retained(MEV_current_frame);
+    Cell a = arg(e, 1);
+    switch (MMM_category(a)) {
+    case DOM_IDENT: return enter_named(a);
+    case DOM_FRAME:
+        MEV_enter_frame(a);
+        return retained(a);
+    case DOM_EXPR:
+    case DOM_VAR: {
+        Cell v = MEV_eval(a, MEV_CONTEXT_ARGUMENT, 0);
+        if (!MMM_is_node(v, DOM_FRAME)) {
+            MMM_release(v);
+            MER_raise(1005, "_frame");
+        }
+        MEV_enter_frame(v);
+        return v;
+    }
+    default: MER_raise(1005, "_frame");
+    }
+}
+
+Cell builtin_parent_frame(Cell e, int, unsigned, Cell) {
+    MEV_need_args(e, 0, 0);
+    Cell parent = MMM_frame_parent(MEV_current_frame);
+    return retained(parent == MMM_NIL ? MEV_current_frame : parent);
+}
+
+Cell builtin_root_frame(Cell e, int, unsigned, Cell) {
+    MEV_need_args(e, 0, 0);
+    return retained(MEV_root_frame);
+}
+
+}  // namespace
+
+Cell MEV_array_read(Cell e) {
+    Cell a = arg(e, 1);
+    const long d = MMM_array_dimensions(a);
+    if (nargs(e) - 1 != d) MER_raise(1119, "array");
+    std::vector<long> indices;
+    for (long i = 2; i <= nargs(e); ++i) {
+        if (MMM_category(arg(e, i)) != DOM_INT) return retained(e);
+        indices.push_back(MAR_small_int(arg(e, i)));
+    }
+    const long offset = MMM_array_offset(a, indices);
+    if (offset < 0) MER_raise(1005, "array");
+    Cell entry = MMM_array_entry(a, offset);
+    return retained(entry ? entry : e);
+}
+
+void MEV_array_write(Cell* array, Cell index_expr, Cell value) {
+    int ext = 0;
+    Cell args = MEV_eval_args(index_expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
+    std::vector<long> indices;
+    bool integers = true;
+    for (long i = 2; i <= nargs(args); ++i) {
+        if (MMM_category(arg(args, i)) == DOM_INT) indices.push_back(MAR_small_int(arg(args, i)));
+        else integers = false;
+    }
+    const long count = nargs(args) - 1;
+    MMM_release(args);
+    if (count != MMM_array_dimensions(*array)) MER_raise(1119, "array");
+    const long offset = integers ? MMM_array_offset(*array, indices) : -1;
+    if (offset < 0) MER_raise(1005, "array");
+    MMM_array_set(array, offset, value == MMM_NULL ? nullptr : value);
+}
+
+void MEV_enter_frame(Cell frame) {
+    MMM_retain(frame);
+    MMM_release(MEV_current_frame);
+    MEV_current_frame = frame;
+}
+
+Cell MEV_enter_frame_path(std::string_view path) {
+    MEV_enter_frame(MEV_root_frame);
+    while (!path.empty()) {
+        const size_t cut = path.find("::");
+        const std::string_view piece = path.substr(0, cut);
+        if (piece.empty()) break;
+        Cell ident = MMM_ident_named(piece);
+        Cell frame;
+        try {
+            frame = enter_named(ident);
+        } catch (...) {
+            MMM_release(ident);
+            throw;
+        }
+        MMM_release(ident);
+        MMM_release(frame);
+        if (cut == std::string_view::npos) break;
+        path.remove_prefix(cut + 2);
+    }
+    return MEV_current_frame;
+}
+
+void MEV_containers_start() {
+    MFN_set_routine(MFN_ID_TABLE, builtin_table);
+    MFN_set_routine(MFN_ID_FRAME, builtin_frame);
+    MEV_set_raw(MFN_ID_FRAME);
+    MFN_set_routine(MFN_ID_PARENT_FRAME, builtin_parent_frame);
+    MFN_set_routine(MFN_ID_ROOT_FRAME, builtin_root_frame);
+}

@@ -1,0 +1,739 @@
+// Structure operands: the operand rules of every category and the built-ins nops, op,
+// subsop, extnops, extop, extsubsop, type, domtype, testtype and contains.
+#include "MEV_ops.h"
+
+#include <pari/pari.h>
+
+#include <string>
+#include <vector>
+
+#include "MAR_numbers.h"
+#include "MCM_equal.h"
+#include "MER_error.h"
+#include "MEV_containers.h"
+#include "MEV_eval.h"
+#include "MFN_env.h"
+#include "MFN_table.h"
+#include "MMM_containers.h"
+#include "MMM_heap.h"
+#include "MMM_ident.h"
+#include "MMM_table.h"
+#include "MMM_values.h"
+
+MSU_domain_hooks_record MSU_domain_hooks;
+
+namespace {
+
+Cell retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
+long nargs(Cell e) { return MMM_child_count(e) - 1; }
+Cell arg(Cell e, long i) { return MMM_child(e, i); }
+
+bool is_call_of(Cell x, int id) { return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(id); }
+
+// Holds a reference for the length of a scope, errors included.
+struct Owned {
+    Cell c;
+    explicit Owned(Cell x = nullptr) : c(x) {}
+    ~Owned() { MMM_release(c); }
+    Owned(const Owned&) = delete;
+    Owned& operator=(const Owned&) = delete;
+    void reset(Cell x) {
+        MMM_release(c);
+        c = x;
+    }
+    Cell take() {
+        Cell x = c;
+        c = nullptr;
+        return x;
+    }
+};
+
+// Owned cells gathered for a result; released unless taken.
+struct OwnedList {
+    std::vector<Cell> cells;
+    OwnedList() = default;
+    OwnedList(const OwnedList&) = delete;
+    OwnedList& operator=(const OwnedList&) = delete;
+    ~OwnedList() {
+        for (Cell c : cells) MMM_release(c);
+    }
+};
+
+Cell unsimplified = nullptr;  // the identifier Unsimplified (a root)
+
+// ---- values made here ----
+
+// None gives NULL, one the operand itself, more a _exprseq. The cells are taken over.
+Cell sequence_of(OwnedList& items) {
+    std::vector<Cell>& v = items.cells;
+    if (v.empty()) return retained(MMM_NULL);
+    if (v.size() == 1) {
+        Cell c = v[0];
+        v.clear();
+        return c;
+    }
+    Cell s = MMM_make_expr(long(v.size()) + 1);
+    MMM_children(s)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    for (size_t i = 0; i < v.size(); ++i) MMM_children(s)[i + 1] = v[i];
+    v.clear();
+    MMM_sign(s);
+    return s;
+}
+
+Cell call_of(int id, std::initializer_list<Cell> operands) {
+    Cell e = MMM_make_expr(long(operands.size()) + 1);
+    MMM_children(e)[0] = retained(MMM_ident_by_id(id));
+    long i = 1;
+    for (Cell c : operands) MMM_children(e)[i++] = retained(c);
+    MMM_sign(e);
+    return e;
+}
+
+// A child as an operand value: internal cells never leave.
+Cell as_operand(Cell c) {
+    if (!c) return retained(MMM_NULL);
+    if (MMM_kind_of(c) == MMM_NODE) return retained(c);
+    if (MMM_kind_of(c) == MMM_CODE) return MAR_from_long(MFN_code_of(c).code);
+    return retained(MMM_NIL);
+}
+
+// An evaluated equation. The evaluation of its operands flattens a sequence on either
+// side and drops a NULL, so `i = null()` arrives as an equation of one operand.
+bool is_equation(Cell x) {
+    return is_call_of(x, MFN_ID_EQUAL) && nargs(x) >= 1;
+}
+
+Cell operands_as_value(Cell e, long from, long to) {
+    OwnedList items;
+    for (long i = from; i <= to; ++i) items.cells.push_back(retained(arg(e, i)));
+    return sequence_of(items);
+}
+
+// ---- position in a hash table ----
+
+// The entry at a 1-based position in walk order. A bucketed table is read through a
+// cursor that remembers the last position asked for, so that op(s, i) for i = 1, 2, ...
+// walks the table once. The cursor holds a count on its table: the table cannot change
+// under it (a write to a shared table goes to a copy).
+MMM_table_walker& cursor = *new MMM_table_walker(nullptr);  // lives as long as the process
+long cursor_position = 0;  // entries the cursor has passed
+
+bool table_entry(Cell t, long i, Cell* key, Cell* value) {
+    if (i < 1 || i > MMM_table_count(t)) return false;
+    if (MMM_table_mode(t) == MMM_TABLE_FLAT) {
+        *key = MMM_child(t, 2 * (i - 1));
+        *value = MMM_child(t, 2 * i - 1);
+        return true;
+    }
+    if (cursor.table != t || cursor_position >= i) {
+        MMM_retain(t);
+        MMM_release(cursor.table);
+        cursor.table = t;
+        cursor.bucket = cursor.slot = 0;
+        cursor_position = 0;
+    }
+    while (cursor_position < i) {
+        if (!cursor.next(key, value)) return false;
+        ++cursor_position;
+    }
+    return true;
+}
+
+// ---- operand rules by category ----
+
+MSU_operand_rules rules[MMM_CATEGORY_COUNT];
+
+[[noreturn]] void no_operand() { MER_raise(1015, "subsop"); }
+[[noreturn]] void not_allowed() { MER_raise(1018, "subsop"); }
+
+// A copy of x, exclusively held, for writing.
+Cell writable(Cell x) {
+    Cell y = retained(x);
+    MMM_clone(&y);
+    if (y->refcount != 1) MER_raise(1300, nullptr);
+    return y;
+}
+
+// Numbers of one part, strings, booleans, NIL, FAIL, identifiers: the value is its only
+// operand.
+long atom_nops(Cell) { return 1; }
+Cell atom_op(Cell x, long i) { return i == 1 ? retained(x) : nullptr; }
+Cell atom_replace(Cell, long i, Cell v) {
+    if (i != 1) no_operand();
+    return retained(v);
+}
+
+long null_nops(Cell) { return 0; }
+Cell null_op(Cell, long) { return nullptr; }
+Cell null_replace(Cell, long, Cell) { no_operand(); }
+
+Cell frame_replace(Cell, long, Cell) { not_allowed(); }
+
+// Rationals and complex numbers: numerator and denominator, real and imaginary part.
+long two_nops(Cell) { return 2; }
+Cell number_op(Cell x, long i) {
+    if (i != 1 && i != 2) return nullptr;
+    GEN g = MAR_get_raw(x);
+    return MAR_from_pari(gel(g, i), true);
+}
+Cell number_replace(Cell x, long i, Cell v) {
+    if (i != 1 && i != 2) no_operand();
+    Owned first(i == 1 ? retained(v) : number_op(x, 1));
+    Owned second(i == 2 ? retained(v) : number_op(x, 2));
+    const bool rational = MMM_category(x) == DOM_RAT;
+    if (MAR_is_number(first.c) && MAR_is_number(second.c)) {
+        if (rational) return MAR_divide(first.c, second.c);
+        Owned imaginary(MAR_binop(second.c, MAR_I, nullptr, MAR_MULTIPLY));
+        return MAR_binop(first.c, imaginary.c, nullptr, MAR_ADD);
+    }
+    if (rational) {
+        Owned inverse(call_of(MFN_ID_POWER, {second.c, MAR_MINUS_ONE}));
+        return call_of(MFN_ID_MULT, {first.c, inverse.c});
+    }
+    Owned imaginary(call_of(MFN_ID_MULT, {second.c, MAR_I}));
+    return call_of(MFN_ID_PLUS, {first.c, imaginary.c});
+}
+
+// Procedure variables: depth and index.
+Cell var_op(Cell x, long i) {
+    if (i == 1) return MAR_from_long(MMM_var_depth(x));
+    if (i == 2) return MAR_from_long(MMM_var_index(x));
+    return nullptr;
+}
+Cell var_replace(Cell x, long i, Cell v) {
+    if (i != 1 && i != 2) no_operand();
+    if (MMM_category(v) != DOM_INT) MER_raise(1001, "subsop");
+    const int depth = i == 1 ? MAR_small_int(v) : MMM_var_depth(x);
+    const int index = i == 2 ? MAR_small_int(v) : MMM_var_index(x);
+    return retained(MMM_var(depth, index));
+}
+
+// Lists, function environments, kernel routines and procedures: operand i is child i - 1.
+long children_nops(Cell x) { return MMM_child_count(x); }
+Cell children_op(Cell x, long i) {
+    return i >= 1 && i <= MMM_child_count(x) ? as_operand(MMM_child(x, i - 1)) : nullptr;
+}
+// A list loses an element to NULL; the fields of the other shapes take NIL for it, and a
+// routine's code field is not replaced.
+Cell children_replace(Cell x, long i, Cell v) {
+    const long n = MMM_child_count(x);
+    if (i < 1 || i > n) no_operand();
+    Cell old = MMM_child(x, i - 1);
+    if (old && MMM_kind_of(old) != MMM_NODE) not_allowed();
+    Cell y = writable(x);
+    if (v == MMM_NULL && MMM_category(x) == DOM_LIST) {
+        MMM_release(MMM_children(y)[i - 1]);
+        MMM_move_children(y, i, y, i - 1, n - i);
+        MMM_children(y)[n - 1] = nullptr;
+        MMM_resize_children(&y, n - 1);
+    } else {
+        Cell& slot = MMM_children(y)[i - 1];
+        MMM_release(slot);
+        slot = retained(v == MMM_NULL ? MMM_NIL : v);
+    }
+    MMM_sign(y);
+    return y;
+}
+
+// Activations: the stored fields after the first four.
+long proc_env_nops(Cell x) {
+    Cell record = MMM_child(x, 0);
+    return record && MMM_child_count(record) > 4 ? MMM_child_count(record) - 4 : 0;
+}
+Cell proc_env_op(Cell x, long i) {
+    return i >= 1 && i <= proc_env_nops(x) ? as_operand(MMM_child(MMM_child(x, 0), i + 3)) : nullptr;
+}
+
+// Arrays: the entries in storage order, NULL for an unset one.
+long array_nops(Cell x) { return MMM_array_size(x); }
+Cell array_op(Cell x, long i) {
+    if (i < 1 || i > MMM_array_size(x)) return nullptr;
+    return as_operand(MMM_array_entry(x, i - 1));
+}
+Cell array_replace(Cell x, long i, Cell v) {
+    if (i < 1 || i > MMM_array_size(x)) no_operand();
+    Cell y = retained(x);
+    try {
+        MMM_array_set(&y, i - 1, v == MMM_NULL ? nullptr : v);
+    } catch (...) {
+        MMM_release(y);
+        throw;
+    }
+    return y;
+}
+
+// Sets: the elements in walk order; a replacement goes in by the rule of sets.
+long set_nops(Cell x) { return MMM_table_count(MMM_child(x, 0)); }
+Cell set_op(Cell x, long i) {
+    Cell key, value;
+    return table_entry(MMM_child(x, 0), i, &key, &value) ? retained(key) : nullptr;
+}
+Cell set_replace(Cell x, long i, Cell v) {
+    Cell key, value;
+    if (!table_entry(MMM_child(x, 0), i, &key, &value)) no_operand();
+    Owned y(writable(x));
+    Cell& t = MMM_children(y.c)[0];
+    MMM_table_remove(&t, key);
+    MMM_set_insert(&t, v);
+    MMM_sign(y.c);
+    return y.take();
+}
+
+// Tables: the entries in walk order as equations key = value.
+long hash_entry_count(Cell t) { return MMM_table_count(t); }
+Cell hash_entry_op(Cell t, long i) {
+    Cell key, value;
+    if (!table_entry(t, i, &key, &value)) return nullptr;
+    return call_of(MFN_ID_EQUAL, {key, value ? value : MMM_NULL});
+}
+long table_nops(Cell x) { return hash_entry_count(MMM_child(x, 0)); }
+Cell table_op(Cell x, long i) { return hash_entry_op(MMM_child(x, 0), i); }
+// The entry is replaced by an equation, or removed by NULL.
+Cell table_replace(Cell x, long i, Cell v) {
+    Cell key, value;
+    if (!table_entry(MMM_child(x, 0), i, &key, &value)) no_operand();
+    if (v != MMM_NULL && !is_equation(v)) MER_raise(1005, "subsop");
+    Owned y(writable(x));
+    Cell& t = MMM_children(y.c)[0];
+    MMM_table_remove(&t, key);
+    // The key is what stands before the last operand; an equation that lost its value to
+    // NULL makes no entry.
+    if (v != MMM_NULL && nargs(v) >= 2) {
+        Owned new_key(operands_as_value(v, 1, nargs(v) - 1));
+        MMM_table_set(&t, new_key.c, arg(v, nargs(v)));
+    }
+    MMM_sign(y.c);
+    return y.take();
+}
+
+// Domains: the entries of the slot table, a DOM_TABLE in the body's first child.
+Cell domain_slot_table(Cell x) {
+    Cell body = MMM_child_count(x) >= 1 ? MMM_child(x, 0) : nullptr;
+    if (!body || MMM_kind_of(body) != MMM_DOMAIN_BODY || MMM_child_count(body) < 1) return nullptr;
+    Cell slots = MMM_child(body, 0);
+    return slots && MMM_is_node(slots, DOM_TABLE) ? MMM_child(slots, 0) : nullptr;
+}
+long domain_nops(Cell x) { return hash_entry_count(domain_slot_table(x)); }
+Cell domain_op(Cell x, long i) {
+    Cell t = domain_slot_table(x);
+    return t ? hash_entry_op(t, i) : nullptr;
+}
+
+// Expressions and domain elements: child i, with the operator (the domain) at 0. NULL
+// removes an operand.
+long expr_nops(Cell x) { return MMM_child_count(x) - 1; }
+Cell expr_op(Cell x, long i) { return i >= 0 && i < MMM_child_count(x) ? as_operand(MMM_child(x, i)) : nullptr; }
+Cell expr_replace(Cell x, long i, Cell v) {
+    const long n = MMM_child_count(x);
+    if (i < 0 || i >= n) no_operand();
+    Cell y = writable(x);
+    if (v == MMM_NULL && i > 0) {
+        MMM_release(MMM_children(y)[i]);
+        MMM_move_children(y, i + 1, y, i, n - i - 1);
+        MMM_children(y)[n - 1] = nullptr;
+        MMM_resize_children(&y, n - 1);
+    } else {
+        Cell& slot = MMM_children(y)[i];
+        MMM_release(slot);
+        slot = retained(v);
+    }
+    MMM_sign(y);
+    return y;
+}
+
+// A domain element answers nops through its domain's slot when it has one.
+long ext_nops(Cell x) {
+    if (MSU_domain_hooks.slot && MSU_domain_hooks.call && MMM_child_count(x) >= 1) {
+        Owned slot(MSU_domain_hooks.slot(MMM_child(x, 0), "nops"));
+        if (slot.c && slot.c != MMM_FAIL) {
+            Owned n(MSU_domain_hooks.call(slot.c, x, nullptr));
+            if (!n.c || MMM_category(n.c) != DOM_INT) MER_raise(1001, "nops");
+            return MAR_small_int(n.c);
+        }
+    }
+    return expr_nops(x);
+}
+
+// Every other category: the children after the first; a value of a category below 21
+// with no such child is its own only operand.
+long rest_nops(Cell x) {
+    const long n = MMM_child_count(x) - 1;
+    return n <= 0 && MMM_category(x) < DOM_SET ? 1 : (n > 0 ? n : 0);
+}
+Cell rest_op(Cell x, long i) {
+    if (MMM_child_count(x) <= 1 && MMM_category(x) < DOM_SET) return atom_op(x, i);
+    return expr_op(x, i);
+}
+Cell rest_replace(Cell, long, Cell) { no_operand(); }
+
+const MSU_operand_rules& rules_of(Cell x) {
+    static const MSU_operand_rules rest{rest_nops, rest_op, rest_replace};
+    const int cat = MMM_category(x);
+    if (cat < 0 || cat >= MMM_CATEGORY_COUNT || !rules[cat].nops) return rest;
+    return rules[cat];
+}
+
+// The rules are plain routines: filled once when the program starts, so that a module
+// may install its own at any time.
+struct RuleTable {
+    RuleTable();
+};
+
+RuleTable::RuleTable() {
+    const MSU_operand_rules atom{atom_nops, atom_op, atom_replace};
+    for (int c : {CAT_BIG_INT, DOM_INT, DOM_FLOAT, DOM_STRING, DOM_BOOL, DOM_NIL, DOM_IDENT, DOM_FAIL}) rules[c] = atom;
+    rules[DOM_FRAME] = {atom_nops, atom_op, frame_replace};
+    rules[DOM_NULL] = {null_nops, null_op, null_replace};
+    rules[DOM_RAT] = rules[DOM_COMPLEX] = {two_nops, number_op, number_replace};
+    rules[DOM_VAR] = {two_nops, var_op, var_replace};
+    for (int c : {DOM_LIST, DOM_FUNC_ENV, DOM_EXEC, DOM_PROC}) rules[c] = {children_nops, children_op, children_replace};
+    rules[DOM_PROC_ENV] = {proc_env_nops, proc_env_op, frame_replace};
+    rules[DOM_ARRAY] = {array_nops, array_op, array_replace};
+    rules[DOM_SET] = {set_nops, set_op, set_replace};
+    rules[DOM_TABLE] = {table_nops, table_op, table_replace};
+    rules[DOM_DOMAIN] = {domain_nops, domain_op, rest_replace};
+    rules[DOM_EXPR] = {expr_nops, expr_op, expr_replace};
+    rules[DOM_EXT] = {ext_nops, expr_op, expr_replace};
+}
+RuleTable rule_table;
+
+// ---- op and its relatives ----
+
+// With `ext` (extop, extnops, extsubsop), a domain element shows its children as an
+// expression does, whatever its domain says.
+const MSU_operand_rules& rules_for(Cell x, bool ext) {
+    static const MSU_operand_rules children{expr_nops, expr_op, expr_replace};
+    return ext && MMM_is_node(x, DOM_EXT) ? children : rules_of(x);
+}
+
+long count_of(Cell x, bool ext) { return rules_for(x, ext).nops(x); }
+Cell operand_of(Cell x, long i, bool ext) { return rules_for(x, ext).op(x, i); }
+Cell replaced(Cell x, long i, Cell v, bool ext) { return rules_for(x, ext).replace(x, i, v); }
+
+// All operands, from 1 on, as a sequence.
+Cell all_operands(Cell x, bool ext) {
+    const long n = count_of(x, ext);
+    OwnedList items;
+    for (long i = 1; i <= n; ++i) {
+        Cell c = operand_of(x, i, ext);
+        items.cells.push_back(c ? c : retained(MMM_FAIL));
+    }
+    return sequence_of(items);
+}
+
+// An integer bound of a range: big integers are 1029, anything else 1005.
+long range_bound(Cell b, const char* who) {
+    if (MMM_category(b) == CAT_BIG_INT) MER_raise(1029, who);
+    if (MMM_category(b) != DOM_INT) MER_raise(1005, who);
+    return MAR_small_int(b);
+}
+
+Cell operand_at(Cell x, Cell index, const char* who, bool ext);
+
+Cell single_operand(Cell x, long i, bool ext) {
+    if (i < 0) return retained(MMM_FAIL);
+    Cell c = operand_of(x, i, ext);
+    return c ? c : retained(MMM_FAIL);
+}
+
+// op(x, i), op(x, a..b), op(x, [p1, p2, ...]).
+Cell operand_at(Cell x, Cell index, const char* who, bool ext) {
+    const int cat = MMM_category(index);
+    if (cat == DOM_INT) return single_operand(x, MAR_small_int(index), ext);
+    if (cat == CAT_BIG_INT) return retained(MMM_FAIL);  // negative, or beyond every operand
+    if (is_call_of(index, MFN_ID_RANGE) && nargs(index) == 2) {
+        const long a = range_bound(arg(index, 1), who), b = range_bound(arg(index, 2), who);
+        if (a < 0 || b < 0) return retained(MMM_FAIL);
+        if (b < a) return retained(MMM_NULL);
+        if (a == b) return single_operand(x, a, ext);
+        OwnedList items;
+        for (long i = a; i <= b; ++i) {
+            Cell c = operand_of(x, i, ext);
+            if (!c) return retained(MMM_FAIL);
+            items.cells.push_back(c);
+        }
+        return sequence_of(items);
+    }
+    if (cat == DOM_LIST) {
+        Owned v(retained(x));
+        for (long k = 0; k < MMM_child_count(index); ++k) {
+            Cell step = MMM_child(index, k);
+            if (MMM_category(step) != DOM_INT && MMM_category(step) != CAT_BIG_INT && !is_call_of(step, MFN_ID_RANGE))
+                MER_raise(1005, who);
+            v.reset(operand_at(v.c, step, who, ext));
+        }
+        return v.take();
+    }
+    MER_raise(1005, who);
+}
+
+Cell builtin_op(Cell e, const char* who, bool ext) {
+    if (nargs(e) == 0) return retained(MMM_NULL);
+    if (nargs(e) > 2) MER_raise(1004, who);
+    Cell x = arg(e, 1);
+    if (nargs(e) == 1) return all_operands(x, ext);
+    return operand_at(x, arg(e, 2), who, ext);
+}
+
+Cell builtin_nops_common(Cell e, const char* who, bool ext) {
+    if (nargs(e) == 0) return MAR_from_long(0);
+    if (nargs(e) > 1) MER_raise(1004, who);
+    return MAR_from_long(count_of(arg(e, 1), ext));
+}
+
+Cell builtin_nops(Cell e, int, unsigned, Cell) { return builtin_nops_common(e, "nops", false); }
+Cell builtin_extnops(Cell e, int, unsigned, Cell) { return builtin_nops_common(e, "extnops", true); }
+Cell builtin_op_plain(Cell e, int, unsigned, Cell) { return builtin_op(e, "op", false); }
+Cell builtin_extop(Cell e, int, unsigned, Cell) { return builtin_op(e, "extop", true); }
+
+// ---- subsop ----
+
+// Replaces the operand at path[k..] of x by v; each level on the way is rebuilt.
+Cell replace_path(Cell x, const std::vector<long>& path, size_t k, Cell v, bool ext) {
+    const long i = path[k];
+    if (i < 0) no_operand();
+    if (k + 1 == path.size()) return replaced(x, i, v, ext);
+    Owned inner(operand_of(x, i, ext));
+    if (!inner.c) no_operand();
+    Owned changed(replace_path(inner.c, path, k + 1, v, ext));
+    return replaced(x, i, changed.c, ext);
+}
+
+// The positions of the left side of a substitution: an integer or a list of them.
+std::vector<long> substitution_path(Cell lhs) {
+    std::vector<long> path;
+    if (MMM_category(lhs) == DOM_INT) {
+        path.push_back(MAR_small_int(lhs));
+    } else if (MMM_category(lhs) == DOM_LIST && MMM_child_count(lhs) > 0) {
+        for (long k = 0; k < MMM_child_count(lhs); ++k) {
+            if (MMM_category(MMM_child(lhs, k)) != DOM_INT) no_operand();
+            path.push_back(MAR_small_int(MMM_child(lhs, k)));
+        }
+    } else {
+        no_operand();
+    }
+    return path;
+}
+
+// The substitutions of subsop and extsubsop, applied left to right to x.
+Cell substitute(Cell e, long last, const char* who, bool ext) {
+    Owned x(retained(arg(e, 1)));
+    for (long k = 2; k <= last; ++k) {
+        Cell s = arg(e, k);
+        if (!is_equation(s)) MER_raise(1005, who);
+        const std::vector<long> path = substitution_path(arg(s, 1));
+        Owned v(operands_as_value(s, 2, nargs(s)));
+        x.reset(replace_path(x.c, path, 0, v.c, ext));
+    }
+    return x.take();
+}
+
+Cell builtin_subsop(Cell e, int, unsigned, Cell) {
+    if (nargs(e) < 1) MER_raise(1004, "subsop");
+    long last = nargs(e);
+    const bool simplify = !(last > 1 && arg(e, last) == unsimplified);
+    if (!simplify) --last;
+    Owned r(substitute(e, last, "subsop", false));
+    if (!simplify || last == 1) return r.take();
+    return MEV_eval(r.c, MEV_CONTEXT_ARGUMENT, 0);
+}
+
+// extsubsop works on the children of a domain element only, and seals the result without
+// evaluating it.
+Cell builtin_extsubsop(Cell e, int, unsigned, Cell) {
+    if (nargs(e) < 1) MER_raise(1004, "extsubsop");
+    if (!MMM_is_node(arg(e, 1), DOM_EXT)) MER_raise(1005, "extsubsop");
+    return substitute(e, nargs(e), "extsubsop", true);
+}
+
+// ---- types ----
+
+// The argument of type and testtype: evaluated with one level less than an argument.
+Cell eval_one_level_less(Cell x) {
+    ++MEV_depth;
+    Cell v;
+    try {
+        v = MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0);
+    } catch (...) {
+        --MEV_depth;
+        throw;
+    }
+    --MEV_depth;
+    return v;
+}
+
+// The slot `type` of the function environment an expression's head evaluates to, or
+// null (borrowed from the environment's attribute table, kept alive by `head`).
+Cell function_type(Cell x, Owned& head) {
+    if (!MMM_is_node(x, DOM_EXPR)) return nullptr;
+    head.reset(MEV_eval(MMM_child(x, 0), MEV_CONTEXT_FREE, 0));
+    if (!head.c || !MMM_is_node(head.c, DOM_FUNC_ENV) || MMM_child_count(head.c) < 3) return nullptr;
+    Cell attributes = MMM_child(head.c, 2);
+    if (!MMM_is_node(attributes, DOM_TABLE)) return nullptr;
+    Owned key(MMM_string_value("type"));
+    Cell found = nullptr;
+    MMM_table_find(MMM_child(attributes, 0), key.c, &found);
+    return found;
+}
+
+// The prelude of the raw built-ins: the hold flag, then the operand count.
+bool raw_front(Cell e, int context, unsigned flags, Cell* result) {
+    Cell x = retained(e);
+    bool done;
+    try {
+        done = MEV_check_hold(&x, context, flags, result, 100);
+    } catch (...) {
+        MMM_release(x);
+        throw;
+    }
+    MMM_release(x);
+    return done;
+}
+
+Cell builtin_type(Cell e, int context, unsigned flags, Cell) {
+    Cell held;
+    if (raw_front(e, context, flags, &held)) return held;
+    if (nargs(e) != 1) MER_raise(1004, "type");
+    Owned x(eval_one_level_less(arg(e, 1)));
+    if (MMM_is_node(x.c, DOM_EXPR)) {
+        Owned head;
+        if (Cell t = function_type(x.c, head)) return retained(t);
+        return MMM_string_value("function");
+    }
+    return MSU_domain_of(x.c);
+}
+
+Cell builtin_domtype(Cell e, int, unsigned, Cell) {
+    if (nargs(e) != 1) MER_raise(1004, "domtype");
+    return MSU_domain_of(arg(e, 1));
+}
+
+// The answer of a testtype slot: TRUE or FALSE decide, FAIL is none (null).
+Cell slot_answer(Cell slot, Cell x, Cell t) {
+    Owned r(MSU_domain_hooks.call(slot, x, t));
+    if (r.c == MMM_FAIL) return nullptr;
+    if (r.c != MMM_TRUE && r.c != MMM_FALSE) MER_raise(1038, "testtype");
+    return r.take();
+}
+
+Cell builtin_testtype(Cell e, int context, unsigned flags, Cell) {
+    Cell held;
+    if (raw_front(e, context, flags, &held)) return held;
+    if (nargs(e) != 2) MER_raise(1004, "testtype");
+    Owned x(eval_one_level_less(arg(e, 1)));
+    Owned t(MEV_eval(arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
+    Owned domain(MSU_domain_of(x.c));
+    if (MCM_equal(t.c, domain.c)) return retained(MMM_TRUE);
+    if (MMM_is_node(t.c, DOM_STRING)) {
+        Owned head;
+        Cell type = function_type(x.c, head);
+        if (type && MCM_equal(type, t.c)) return retained(MMM_TRUE);
+    }
+    if (!MSU_domain_hooks.slot || !MSU_domain_hooks.call) return retained(MMM_FALSE);
+    Owned own_slot(MSU_domain_hooks.slot(domain.c, "testtype"));
+    if (own_slot.c && own_slot.c != MMM_FAIL)
+        if (Cell r = slot_answer(own_slot.c, x.c, t.c)) return r;
+    Owned type_domain(MMM_is_node(t.c, DOM_DOMAIN) ? retained(t.c) : MSU_domain_of(t.c));
+    Owned type_slot(MSU_domain_hooks.slot(type_domain.c, "testtype"));
+    if (type_slot.c && type_slot.c != MMM_FAIL)
+        if (Cell r = slot_answer(type_slot.c, x.c, t.c)) return r;
+    return retained(MMM_FALSE);
+}
+
+// ---- contains ----
+
+Cell truth(bool b) { return retained(b ? MMM_TRUE : MMM_FALSE); }
+
+Cell builtin_contains(Cell e, int, unsigned, Cell) {
+    const long n = nargs(e);
+    if (n < 2) MER_raise(1004, "contains");
+    Cell x = arg(e, 1), v = arg(e, 2);
+    const int cat = MMM_category(x);
+    if (cat == DOM_LIST) {
+        if (n > 3) MER_raise(1004, "contains");
+        long start = 1;
+        if (n == 3) {
+            Cell s = arg(e, 3);
+            if (MMM_category(s) == CAT_BIG_INT) return MAR_from_long(0);
+            if (MMM_category(s) != DOM_INT) MER_raise(1005, "contains");
+            start = MAR_small_int(s);
+            if (start < 1 || start > MMM_child_count(x)) return MAR_from_long(0);
+        }
+        for (long i = start; i <= MMM_child_count(x); ++i)
+            if (MCM_equal(MMM_child(x, i - 1), v)) return MAR_from_long(i);
+        return MAR_from_long(0);
+    }
+    if (cat != DOM_SET && cat != DOM_TABLE && cat != DOM_ARRAY) MER_raise(1005, "contains");
+    if (n != 2) MER_raise(1004, "contains");
+    if (cat != DOM_ARRAY) return truth(MMM_table_find(MMM_child(x, 0), v, nullptr));
+    for (long i = 0; i < MMM_array_size(x); ++i)
+        if (Cell entry = MMM_array_entry(x, i); entry && MCM_equal(entry, v)) return truth(true);
+    return truth(false);
+}
+
+int id_of(const char* name) {
+    const MFN_record* r = MFN_record_by_name(name);
+    return r ? r->id : 0;
+}
+
+}  // namespace
+
+void MSU_set_operand_rules(int category, const MSU_operand_rules& r) {
+    if (category < 0 || category >= MMM_CATEGORY_COUNT) return;
+    MSU_operand_rules& to = rules[category];
+    const MSU_operand_rules fallback{rest_nops, rest_op, rest_replace};
+    to.nops = r.nops ? r.nops : (to.nops ? to.nops : fallback.nops);
+    to.op = r.op ? r.op : (to.op ? to.op : fallback.op);
+    to.replace = r.replace ? r.replace : (to.replace ? to.replace : fallback.replace);
+}
+
+long MSU_nops(Cell x) { return rules_of(x).nops(x); }
+
+Cell MSU_op(Cell x, long i) { return rules_of(x).op(x, i); }
+
+Cell MSU_replace_operand(Cell x, long i, Cell v) { return rules_of(x).replace(x, i, v); }
+
+Cell MSU_domain_of(Cell x) {
+    if (MMM_is_node(x, DOM_EXT) && MMM_child_count(x) >= 1) return retained(MMM_child(x, 0));
+    const char* name = MMM_category_name(MMM_category(x));
+    if (!name) return retained(MMM_FAIL);
+    Cell ident = MMM_ident_named(name);
+    if (Cell v = MMM_value(ident)) {
+        MMM_release(ident);
+        return v;
+    }
+    return ident;
+}
+
+void MEV_ops_start() {
+    // A cursor and a name from a former heap are gone with it.
+    cursor.table = nullptr;
+    cursor_position = 0;
+    MMM_add_root(&cursor.table);
+    MMM_add_root(&unsimplified);
+    unsimplified = MMM_ident_named("Unsimplified");
+
+    struct Body {
+        const char* name;
+        MFN_routine fn;
+        bool raw;
+    };
+    const Body bodies[] = {
+        {"nops", builtin_nops, false},       {"op", builtin_op_plain, false},
+        {"subsop", builtin_subsop, false},   {"extnops", builtin_extnops, false},
+        {"extop", builtin_extop, false},     {"extsubsop", builtin_extsubsop, false},
+        {"type", builtin_type, true},        {"domtype", builtin_domtype, false},
+        {"testtype", builtin_testtype, true}, {"contains", builtin_contains, false},
+    };
+    for (const Body& b : bodies) {
+        const int id = id_of(b.name);
+        if (!id) continue;
+        MFN_set_routine(id, b.fn);
+        if (b.raw) MEV_set_raw(id);
+    }
+    MEV_containers_start();
+}

@@ -1,0 +1,192 @@
+// The built-ins of errors: traperror with its time limits, error, warning, lasterror and
+// getlasterror.
+#include <string>
+
+#include "MAR_numbers.h"
+#include "MER_error.h"
+#include "MEV_env.h"
+#include "MEV_eval.h"
+#include "MFN_env.h"
+#include "MMM_ident.h"
+#include "MMM_values.h"
+#include "MSE_session.h"
+
+namespace {
+
+// The nearest deadline of the timed traperrors running (monotonic milliseconds), 0 when
+// none runs. Deadlines are absolute, so the time an inner trap uses is charged to the
+// outer ones by the clock itself.
+long active_deadline = 0;
+
+Cell retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
+long nargs(Cell e) { return MMM_child_count(e) - 1; }
+
+bool held(Cell e, int context, unsigned flags, Cell* result) {
+    Cell x = retained(e);
+    bool done;
+    try {
+        done = MEV_check_hold(&x, context, flags, result, 100);
+    } catch (...) {
+        MMM_release(x);
+        throw;
+    }
+    MMM_release(x);
+    return done;
+}
+
+// The limit of one timed traperror, from its start to its end.
+struct TimeLimit {
+    long outer = 0;      // the deadline in force before
+    bool own = false;    // this trap's deadline is the nearest, so a 1320 is its own
+    bool timed = false;
+
+    void start(long seconds) {
+        timed = true;
+        outer = active_deadline;
+        const long mine = MSE_monotonic_ms() + seconds * 1000;
+        own = !outer || mine < outer;
+        active_deadline = own ? mine : outer;
+        MSE_time_limit_set(active_deadline);
+    }
+
+    // Gives the outer deadline back to the timer; true when it has passed meanwhile.
+    bool end() {
+        if (!timed) return false;
+        timed = false;
+        active_deadline = outer;
+        if (!outer) {
+            MSE_time_limit_cancel();
+            return false;
+        }
+        if (MSE_monotonic_ms() >= outer) {
+            MSE_time_limit_cancel();
+            return true;
+        }
+        MSE_time_limit_set(outer);
+        return false;
+    }
+};
+
+// traperror(expr), traperror(expr, seconds): 0 when expr is evaluated without error,
+// else the error's number; the settings of the snapshot come back after an error.
+Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
+    Cell result = nullptr;
+    if (held(e, context, flags, &result)) return result;
+    MEV_need_args(e, 1, 2);
+    long seconds = 0;
+    if (nargs(e) == 2) {
+        Cell s = MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0);
+        const bool ok = MMM_is_node(s, DOM_INT) && MAR_small_int(s) > 0;
+        if (ok) seconds = MAR_small_int(s);
+        MMM_release(s);
+        if (!ok) MER_raise(1005, "traperror");
+    }
+
+    const int32_t call_depth = MEV_call_depth, depth = MEV_depth;
+    Cell frame = retained(MEV_frame);
+    const bool trapped = MER_trapped;
+    TimeLimit limit;
+    if (seconds) limit.start(seconds);
+    MER_trapped = true;
+    MER_snapshot_record snapshot;
+    MER_snapshot(snapshot);
+
+    long code = 0;
+    try {
+        if (!(flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE)))
+            MMM_release(MEV_eval(MMM_child(e, 1), MEV_CONTEXT_ARGUMENT, flags));
+    } catch (const MER_exception& x) {
+        code = x.code;
+    } catch (...) {
+        limit.end();
+        MER_restore(snapshot);
+        MER_free_snapshot(snapshot);
+        MER_trapped = trapped;
+        MMM_release(frame);
+        throw;
+    }
+    // The limit ends before anything else, so that nothing below is cut short by it.
+    const bool outer_expired = limit.end();
+    if (code) {
+        MER_restore(snapshot);
+        // A time-out passes a trap without a limit of its own on to the one that set it.
+        MER_pending = code == 1320 && !limit.own ? 1320 : 0;
+        MEV_call_depth = call_depth;
+        MEV_depth = depth;
+        // The activation is an owned reference: the one held since the start goes back.
+        if (MEV_frame != frame) {
+            MMM_release(MEV_frame);
+            MEV_frame = frame;
+            frame = nullptr;
+        }
+    }
+    MER_free_snapshot(snapshot);
+    MER_trapped = trapped;
+    MMM_release(frame);
+    if (MER_pending >= 2000) MER_pending = 0;  // a syntax error ends here
+    if (MER_pending > 0) throw MER_exception{MER_pending};
+    if (outer_expired) MER_raise(1320, nullptr);
+    return MAR_from_long(code);
+}
+
+// The message of error() and warning(): one string, cut to 297 bytes and "..." beyond
+// 300, with the running procedure's name in brackets.
+std::string message_of(Cell e, const char* name) {
+    if (nargs(e) != 1) MER_raise(1004, name);
+    Cell m = MMM_child(e, 1);
+    if (!MMM_is_node(m, DOM_STRING)) MER_raise(1005, name);
+    std::string text(MMM_string_view(MMM_child(m, 0)));
+    if (text.size() > 300) text = text.substr(0, 297) + "...";
+    std::string procedure;
+    if (MER_context_name(procedure)) text += " [" + procedure + "]";
+    return text;
+}
+
+Cell builtin_error(Cell e, int, unsigned, Cell) { MER_raise(1028, message_of(e, "error").c_str()); }
+
+Cell builtin_warning(Cell e, int, unsigned, Cell) {
+    MER_warn(-1005, message_of(e, "warning").c_str());
+    return retained(MMM_NULL);
+}
+
+// lasterror(): the last error once more, and the computation stops. Before any error
+// there is nothing to repeat, and the call gives NULL.
+Cell builtin_lasterror(Cell e, int, unsigned, Cell) {
+    if (nargs(e) != 0) MER_raise(1004, "lasterror");
+    if (!MER_last) return retained(MMM_NULL);
+    MER_raise(1400, nullptr);
+}
+
+// getlasterror(): [number, message] of the last error; [0, ""] before any.
+Cell builtin_getlasterror(Cell e, int, unsigned, Cell) {
+    if (nargs(e) != 0) MER_raise(1004, "getlasterror");
+    Cell number = MAR_from_long(MER_last);
+    Cell text = MMM_make_string(MER_last_text);
+    Cell l = MMM_make_list(2);
+    MMM_children(l)[0] = number;
+    MMM_children(l)[1] = text;
+    MMM_sign(l);
+    return l;
+}
+
+void set(const char* name, MFN_routine fn, bool raw) {
+    const MFN_record* r = MFN_record_by_name(name);
+    if (!r) return;
+    MFN_set_routine(r->id, fn);
+    if (raw) MEV_set_raw(r->id);
+}
+
+}  // namespace
+
+void MEV_trap_start() {
+    active_deadline = 0;
+    set("traperror", builtin_traperror, true);
+    set("error", builtin_error, false);
+    set("warning", builtin_warning, false);
+    set("lasterror", builtin_lasterror, false);
+    set("getlasterror", builtin_getlasterror, false);
+}

@@ -1,0 +1,209 @@
+// Errors, traps, the tick and the environment variables in a live session, where the
+// language alone cannot look: elapsed time, the tick's limits, snapshots, frames.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "MAR_numbers.h"
+#include "MER_error.h"
+#include "MEV_env.h"
+#include "MEV_eval.h"
+#include "MMM_heap.h"
+#include "MMM_ident.h"
+#include "MMM_values.h"
+#include "MOU_print.h"
+#include "MPA_reader.h"
+#include "MSE_session.h"
+
+namespace {
+
+// The value of a statement, dumped; "Error N" when it raised.
+std::string eval(std::string_view text) {
+    MPA_tree_reader r(text, false, 1);
+    r.run();
+    Cell t = r.take_result();
+    if (!t) return "<syntax error>";
+    std::string out;
+    try {
+        Cell v = MSE_frontend.eval(t);
+        out = MPA_dump(v);
+        MMM_release(v);
+    } catch (const MER_exception& e) {
+        out = "Error " + std::to_string(e.code);
+        MSE_recover(true);
+    }
+    MMM_release(t);
+    return out;
+}
+
+// What the session writes while fn runs.
+template <class F>
+std::string output_of(F fn) {
+    FILE* out = std::tmpfile();
+    FILE* saved = MSE_output;
+    MSE_output = out;
+    fn();
+    MSE_output = saved;
+    std::rewind(out);
+    std::string text;
+    char buf[512];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) text.append(buf, n);
+    std::fclose(out);
+    return text;
+}
+
+size_t count_of(const std::string& text, const std::string& part) {
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+TEST(Errors, AnInnerTimeLimitIsChargedToTheOuterOne) {
+    const long start = MSE_monotonic_ms();
+    EXPECT_EQ(eval("traperror((t_r := traperror((while TRUE do end_while), 1); while TRUE do end_while), 2)"),
+              "1320");
+    const long elapsed = MSE_monotonic_ms() - start;
+    EXPECT_EQ(eval("t_r"), "1320");
+    EXPECT_GE(elapsed, 1900);
+    EXPECT_LT(elapsed, 2700) << "the outer limit ran on from its own start, not from the inner one's end";
+    EXPECT_FALSE(MSE_time_limit_expired());
+    EXPECT_EQ(MER_pending, 0);
+    EXPECT_FALSE(MER_trapped);
+    eval("delete t_r");
+}
+
+struct LimitsGuard {
+    MSE_limits_record saved = MSE_limits;
+    ~LimitsGuard() { MSE_limits = saved; }
+};
+
+TEST(Errors, TheTickRaisesTheWatchdogsOfTimeAndMemory) {
+    LimitsGuard guard;
+    MSE_limits.maxtime = 1;
+    MSE_limits.command_start_ms = MSE_monotonic_ms() - 1000;
+    EXPECT_EQ(eval("traperror((while TRUE do end_while))"), "1044");
+    EXPECT_NE(MER_last_text.find("[watchdog-time]"), std::string::npos) << MER_last_text;
+    MSE_limits.maxtime = 0;
+    MSE_limits.maxmem = 1;
+    EXPECT_EQ(eval("traperror((while TRUE do end_while))"), "1044");
+    EXPECT_NE(MER_last_text.find("[watchdog-memory]"), std::string::npos) << MER_last_text;
+    MSE_limits.maxmem = 0;
+    EXPECT_EQ(eval("traperror(1)"), "0");
+}
+
+int callback_calls = 0;
+void reentering_callback() {
+    ++callback_calls;
+    MSE_tick();  // a tick inside a tick does nothing
+}
+
+TEST(Errors, TheTickPrintsTheStatusLineOnTheWarningChannelAndCallsBack) {
+    LimitsGuard guard;
+    MSE_set_report(9);  // every third tick
+    EXPECT_EQ(MSE_get_report(), 9);
+    MSE_limits.callback = reentering_callback;
+    callback_calls = 0;
+    std::string out = output_of([] {
+        for (int i = 0; i < 9; ++i) MSE_tick();
+    });
+    EXPECT_EQ(count_of(out, "[used="), 3u) << out;
+    EXPECT_EQ(callback_calls, 9);
+    MOU_channel_format[MOU_WRN] = MOU_NUL;
+    out = output_of([] {
+        for (int i = 0; i < 3; ++i) MSE_tick();
+    });
+    MOU_channel_format[MOU_WRN] = MOU_TXT;
+    EXPECT_EQ(out, "") << "the status line goes on the warning channel";
+    MSE_set_report(0);
+    // After an error raised in the tick the guard is down again.
+    MSE_limits.maxmem = 1;
+    out = output_of([] {
+        EXPECT_THROW(MSE_tick(), MER_exception);
+        MSE_recover(true);
+    });
+    EXPECT_EQ(out, "Error: Watchdog reset [watchdog-memory]\n");
+    MSE_limits.maxmem = 0;
+    callback_calls = 0;
+    MSE_tick();
+    EXPECT_EQ(callback_calls, 1);
+}
+
+TEST(Errors, ReportsGoThroughTheirChannels) {
+    MOU_channel_format[MOU_ERR] = MOU_NUL;
+    std::string out = output_of([] { eval("error(\"quiet\")"); });
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(MER_last_text, "Error: quiet") << "the report is kept although not printed";
+    out = output_of([] { eval("warning(\"loud\")"); });
+    MOU_channel_format[MOU_ERR] = MOU_TXT;
+    EXPECT_EQ(out, "Warning: loud\n");
+}
+
+TEST(Errors, ASnapshotPutsTheSettingsBackAndReleasesWhatItHeld) {
+    Cell frame = MMM_frame_new(MEV_root_frame, MMM_NIL);
+    const uint32_t root_count = MEV_root_frame->refcount;
+    MER_snapshot_record s;
+    MER_snapshot(s);
+    EXPECT_EQ(MEV_root_frame->refcount, root_count + 1);
+
+    MAR_set_digits(40);
+    MOU_set_textwidth(30);
+    MEV_level = 7;
+    MEV_order = 3;
+    MOU_pretty = false;
+    MOU_channel_format[MOU_RES] = MOU_NUL;
+    Cell read_path = MMM_make_string("r/");
+    std::swap(MEV_read_path, read_path);
+    Cell saved_current = MEV_current_frame;
+    MMM_release(MEV_current_frame);  // the snapshot keeps it alive
+    MMM_retain(frame);
+    MEV_current_frame = frame;
+    const uint32_t frame_count = frame->refcount;
+
+    MER_restore(s);
+    EXPECT_EQ(MAR_digits, 10);
+    EXPECT_EQ(MOU_textwidth, 75);
+    EXPECT_EQ(MEV_level, 100);
+    EXPECT_EQ(MEV_order, 6);
+    EXPECT_TRUE(MOU_pretty);
+    EXPECT_EQ(MOU_channel_format[MOU_RES], MOU_TXT);
+    EXPECT_EQ(MEV_read_path, nullptr);
+    EXPECT_EQ(MEV_current_frame, saved_current);
+    EXPECT_EQ(frame->refcount, frame_count - 1) << "the frame that replaced the current one is released";
+    MER_free_snapshot(s);
+    EXPECT_EQ(MEV_root_frame->refcount, root_count);
+    MMM_release(frame);
+}
+
+TEST(Errors, ADeletionShowsTheSetterTheValueOfTheFrameAbove) {
+    Cell digits = MMM_ident_named("DIGITS");
+    Cell frame = MMM_frame_new(MEV_root_frame, MMM_NIL);
+    Cell twenty = MAR_from_long(20), thirty = MAR_from_long(30);
+    MMM_release(MMM_set_value(digits, twenty, 0, MEV_root_frame));
+    EXPECT_EQ(MAR_digits, 20);
+    Cell saved_current = MEV_current_frame;
+    MEV_current_frame = frame;
+    MMM_release(MMM_set_value(digits, thirty, 0, frame));
+    EXPECT_EQ(MAR_digits, 30);
+    Cell in_frame = MMM_value_in(digits, frame, false);
+    ASSERT_TRUE(in_frame && MMM_is_node(in_frame, DOM_INT));
+    EXPECT_EQ(MAR_small_int(in_frame), 30) << "the binding holds what the setter gave";
+    MMM_release(in_frame);
+    MMM_release(MMM_set_value(digits, nullptr, 0, frame));
+    EXPECT_EQ(MAR_digits, 20) << "after the deletion the root frame's value is in force";
+    MEV_current_frame = saved_current;
+    MMM_release(MMM_set_value(digits, nullptr, 0, MEV_root_frame));
+    EXPECT_EQ(MAR_digits, 10);
+    for (Cell c : {digits, frame, twenty, thirty}) MMM_release(c);
+}
+
+TEST(Errors, AProtectionErrorLeavesTheSettingAsItWas) {
+    EXPECT_EQ(eval("protected(DIGITS, Error)"), "None");
+    EXPECT_EQ(output_of([] { EXPECT_EQ(eval("DIGITS := 30"), "Error 1046"); }),
+              "Error: Identifier 'DIGITS' is protected [_assign]\n");
+    EXPECT_EQ(MAR_digits, 10) << "the setter did not run";
+    EXPECT_EQ(eval("protected(DIGITS, None)"), "Error");
+}
+
+}  // namespace
