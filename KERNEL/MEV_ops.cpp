@@ -120,7 +120,8 @@ Cell operands_as_value(Cell e, long from, long to) {
 // walks the table once. The cursor holds a count on its table: the table cannot change
 // under it (a write to a shared table goes to a copy).
 MMM_table_walker& cursor = *new MMM_table_walker(nullptr);  // lives as long as the process
-long cursor_position = 0;  // entries the cursor has passed
+long cursor_position = 0;                   // entries the cursor has passed
+Cell cursor_key = nullptr, cursor_value = nullptr;  // the last of them, borrowed from its table
 
 bool table_entry(Cell t, long i, Cell* key, Cell* value) {
     if (i < 1 || i > MMM_table_count(t)) return false;
@@ -129,7 +130,12 @@ bool table_entry(Cell t, long i, Cell* key, Cell* value) {
         *value = MMM_child(t, 2 * i - 1);
         return true;
     }
-    if (cursor.table != t || cursor_position >= i) {
+    if (cursor.table == t && cursor_position == i) {
+        *key = cursor_key;
+        *value = cursor_value;
+        return true;
+    }
+    if (cursor.table != t || cursor_position > i) {
         MMM_retain(t);
         MMM_release(cursor.table);
         cursor.table = t;
@@ -137,9 +143,11 @@ bool table_entry(Cell t, long i, Cell* key, Cell* value) {
         cursor_position = 0;
     }
     while (cursor_position < i) {
-        if (!cursor.next(key, value)) return false;
+        if (!cursor.next(&cursor_key, &cursor_value)) return false;
         ++cursor_position;
     }
+    *key = cursor_key;
+    *value = cursor_value;
     return true;
 }
 
