@@ -16,11 +16,6 @@
 
 namespace {
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
 std::string name_of(Cell e) { return std::string(MMM_ident_text(MMM_child(e, 0))); }
 
 bool is_integer(Cell c) { return MMM_category(c) == DOM_INT || MMM_category(c) == CAT_BIG_INT; }
@@ -31,9 +26,9 @@ bool is_integer(Cell c) { return MMM_category(c) == DOM_INT || MMM_category(c) =
 Cell front_1000(Cell e, int context, unsigned flags, Cell exec) {
     MEV_need_args(e, 1, 1);
     Cell x = MMM_child(e, 1);
-    if (!MAR_is_number(x)) return retained(e);
+    if (!MAR_is_number(x)) return MMM_retained(e);
     Cell numeric = MMM_child(exec, 1);
-    if (numeric == MMM_NIL || !MFN_code_of(numeric).routine) return retained(e);
+    if (numeric == MMM_NIL || !MFN_code_of(numeric).routine) return MMM_retained(e);
     return MFN_code_of(numeric).routine(e, context, flags, exec);
 }
 
@@ -58,10 +53,10 @@ void need_integer(Cell e) {
 Cell numeric_isprime(Cell e, int, unsigned, Cell) {
     need_integer(e);
     Cell x = MMM_child(e, 1);
-    if (MAR_compare(x, MAR_ZERO) <= 0) return retained(MMM_FALSE);
+    if (MAR_compare(x, MAR_ZERO) <= 0) return MMM_retained(MMM_FALSE);
     const bool prime = isprime(MAR_get(x));
     MAR_reset_to_mark();
-    return retained(prime ? MMM_TRUE : MMM_FALSE);
+    return MMM_retained(prime ? MMM_TRUE : MMM_FALSE);
 }
 
 Cell numeric_nextprime(Cell e, int, unsigned, Cell) {

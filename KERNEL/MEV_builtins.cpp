@@ -14,32 +14,25 @@
 
 namespace {
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-long arg_count(Cell e) { return MMM_child_count(e) - 1; }
-Cell arg(Cell e, long i) { return MMM_child(e, i); }
 const char* name_of(Cell e) { return MMM_ident_text(MMM_child(e, 0)).data(); }
 
 // funcenv(evaluator [, printer [, attributes]])
 Cell builtin_funcenv(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 3);
-    if (MMM_category(arg(e, 1)) == DOM_FUNC_ENV) return retained(arg(e, 1));
-    Cell table = arg_count(e) == 3 ? arg(e, 3) : MMM_NIL;
+    if (MMM_category(MEV_arg(e, 1)) == DOM_FUNC_ENV) return MMM_retained(MEV_arg(e, 1));
+    Cell table = MEV_nargs(e) == 3 ? MEV_arg(e, 3) : MMM_NIL;
     if (table != MMM_NIL && MMM_category(table) != DOM_TABLE) MER_raise(1001, name_of(e));
     Cell env = MMM_new_node(DOM_FUNC_ENV, 3);
-    MMM_children(env)[0] = retained(arg(e, 1));
-    MMM_children(env)[1] = retained(arg_count(e) >= 2 ? arg(e, 2) : MMM_NIL);
-    MMM_children(env)[2] = retained(table);
+    MMM_children(env)[0] = MMM_retained(MEV_arg(e, 1));
+    MMM_children(env)[1] = MMM_retained(MEV_nargs(e) >= 2 ? MEV_arg(e, 2) : MMM_NIL);
+    MMM_children(env)[2] = MMM_retained(table);
     MMM_sign(env);
     return env;
 }
 
 // The code cell of an integer operand.
 Cell code_operand(Cell e, long i) {
-    Cell c = arg(e, i);
+    Cell c = MEV_arg(e, i);
     if (MMM_category(c) != DOM_INT && MMM_category(c) != CAT_BIG_INT) MER_raise(1013, name_of(e));
     Cell code = MMM_category(c) == DOM_INT ? MTR_find_code_for_number(MAR_small_int(c)) : nullptr;
     if (!code) MER_raise(1005, name_of(e));
@@ -48,27 +41,27 @@ Cell code_operand(Cell e, long i) {
 
 // builtin(code, numeric code or priority, name or print text, NIL/table or name, ...)
 Cell builtin_builtin(Cell e, int, unsigned, Cell) {
-    const long n = arg_count(e);
+    const long n = MEV_nargs(e);
     if (n < 4) MER_raise(1004, name_of(e));
     Cell code = code_operand(e, 1);
-    const int fourth = MMM_category(arg(e, 4));
+    const int fourth = MMM_category(MEV_arg(e, 4));
     if (fourth != DOM_STRING && fourth != DOM_NIL && fourth != DOM_TABLE) MER_raise(1005, name_of(e));
     Cell exec = MMM_new_node(DOM_EXEC, n);
-    MMM_children(exec)[0] = retained(code);
-    Cell second = arg(e, 2);
+    MMM_children(exec)[0] = MMM_retained(code);
+    Cell second = MEV_arg(e, 2);
     if (fourth != DOM_STRING && (MMM_category(second) == DOM_INT || MMM_category(second) == CAT_BIG_INT)) {
         // The evaluator form names its numeric routine by code.
         try {
-            MMM_children(exec)[1] = retained(code_operand(e, 2));
+            MMM_children(exec)[1] = MMM_retained(code_operand(e, 2));
         } catch (...) {
             for (long i = 1; i < n; ++i) MMM_children(exec)[i] = nullptr;
             MMM_release(exec);
             throw;
         }
     } else {
-        MMM_children(exec)[1] = retained(second);
+        MMM_children(exec)[1] = MMM_retained(second);
     }
-    for (long i = 3; i <= n; ++i) MMM_children(exec)[i - 1] = retained(arg(e, i));
+    for (long i = 3; i <= n; ++i) MMM_children(exec)[i - 1] = MMM_retained(MEV_arg(e, i));
     MMM_sign(exec);
     return exec;
 }
@@ -76,8 +69,8 @@ Cell builtin_builtin(Cell e, int, unsigned, Cell) {
 // _op_plusmult(op, a, b, ...): op(a, b, ...) evaluated.
 Cell builtin_op_plusmult(Cell e, int context, unsigned flags, Cell) {
     MEV_need_args(e, 1, 1L << 30);
-    Cell call = MMM_make_expr(arg_count(e));
-    for (long i = 1; i <= arg_count(e); ++i) MMM_children(call)[i - 1] = retained(arg(e, i));
+    Cell call = MMM_make_expr(MEV_nargs(e));
+    for (long i = 1; i <= MEV_nargs(e); ++i) MMM_children(call)[i - 1] = MMM_retained(MEV_arg(e, i));
     MMM_sign(call);
     Cell r;
     try {
@@ -94,9 +87,9 @@ Cell builtin_op_plusmult(Cell e, int context, unsigned flags, Cell) {
 Cell builtin_op_power(Cell e, int context, unsigned, Cell) {
     MEV_need_args(e, 2, 2);
     Cell p = MMM_make_expr(3);
-    MMM_children(p)[0] = retained(MMM_ident_by_id(MFN_ID_POWER));
-    MMM_children(p)[1] = retained(arg(e, 1));
-    MMM_children(p)[2] = retained(arg(e, 2));
+    MMM_children(p)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_POWER));
+    MMM_children(p)[1] = MMM_retained(MEV_arg(e, 1));
+    MMM_children(p)[2] = MMM_retained(MEV_arg(e, 2));
     MMM_sign(p);
     Cell r;
     try {
@@ -113,10 +106,10 @@ Cell builtin_op_power(Cell e, int context, unsigned, Cell) {
 // operator and argument in place already.
 Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
     MEV_need_args(e, 1, 1L << 30);
-    Cell value = retained(arg(e, arg_count(e)));
-    for (long i = arg_count(e) - 1; i >= 1; --i) {
+    Cell value = MMM_retained(MEV_arg(e, MEV_nargs(e)));
+    for (long i = MEV_nargs(e) - 1; i >= 1; --i) {
         Cell step = MMM_make_expr(2);
-        MMM_children(step)[0] = retained(arg(e, i));
+        MMM_children(step)[0] = MMM_retained(MEV_arg(e, i));
         MMM_children(step)[1] = value;
         MMM_sign(step);
         const unsigned step_flags = i == 1 ? flags : (MEV_OPERATOR_DONE | MEV_ARGS_SPLICE);
@@ -134,11 +127,11 @@ Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
 // _domainfunccall(D, args...): the call of D's slot `new`.
 Cell builtin_domainfunccall(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 1L << 30);
-    if (MMM_category(arg(e, 1)) != DOM_DOMAIN) MER_raise(1005, name_of(e));
+    if (MMM_category(MEV_arg(e, 1)) != DOM_DOMAIN) MER_raise(1005, name_of(e));
     MER_raise(1036, nullptr, "new");  // domains and their slots come with the domain module
 }
 
-std::span<const Cell> operands(Cell e) { return {MMM_children(e) + 1, size_t(arg_count(e))}; }
+std::span<const Cell> operands(Cell e) { return {MMM_children(e) + 1, size_t(MEV_nargs(e))}; }
 
 Cell builtin_print(Cell e, int, unsigned, Cell) { return MOU_print_values(operands(e)); }
 
@@ -151,6 +144,19 @@ bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_
     return MEV_builtin_front(expr, context, flags, exec, front, result);
 }
 
+bool MEV_held(Cell e, int context, unsigned flags, Cell* result) {
+    Cell x = MMM_retained(e);
+    bool done;
+    try {
+        done = MEV_check_hold(&x, context, flags, result, 100);
+    } catch (...) {
+        MMM_release(x);
+        throw;
+    }
+    MMM_release(x);
+    return done;
+}
+
 bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column) {
     if (column != 100) {
         if (const uint16_t code = MEV_legality(context, column)) MER_raise(code, MFN_env_name(context));
@@ -160,7 +166,7 @@ bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int c
     Cell e = MEV_eval_args(*expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
     MMM_release(*expr);
     *expr = e;
-    *result = retained(e);
+    *result = MMM_retained(e);
     return true;
 }
 

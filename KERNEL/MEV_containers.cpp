@@ -16,48 +16,41 @@
 
 namespace {
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-long nargs(Cell e) { return MMM_child_count(e) - 1; }
-Cell arg(Cell e, long i) { return MMM_child(e, i); }
 
 bool is_equation(Cell x) {
-    return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(MFN_ID_EQUAL) && nargs(x) >= 1;
+    return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(MFN_ID_EQUAL) && MEV_nargs(x) >= 1;
 }
 
 // The key of an evaluated equation: the operands before the last one, as the table's
 // index rule makes keys (one is itself, more a sequence). An equation whose left side
 // was a sequence has been flattened by the evaluation of its operands.
 Cell equation_key(Cell eq) {
-    const long n = nargs(eq) - 1;
-    if (n == 1) return retained(arg(eq, 1));
+    const long n = MEV_nargs(eq) - 1;
+    if (n == 1) return MMM_retained(MEV_arg(eq, 1));
     Cell key = MMM_make_expr(n + 1);
-    MMM_children(key)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-    for (long i = 1; i <= n; ++i) MMM_children(key)[i] = retained(arg(eq, i));
+    MMM_children(key)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    for (long i = 1; i <= n; ++i) MMM_children(key)[i] = MMM_retained(MEV_arg(eq, i));
     MMM_sign(key);
     return key;
 }
 
 // table(eq1, eq2, ..., t, ...): equations key = value and tables, merged in order.
 Cell builtin_table(Cell e, int, unsigned, Cell) {
-    Cell t = MMM_make_table(nargs(e));
+    Cell t = MMM_make_table(MEV_nargs(e));
     try {
         Cell& hash = MMM_children(t)[0];
-        for (long i = 1; i <= nargs(e); ++i) {
-            Cell a = arg(e, i);
+        for (long i = 1; i <= MEV_nargs(e); ++i) {
+            Cell a = MEV_arg(e, i);
             if (MMM_is_node(a, DOM_TABLE)) {
                 MMM_table_walker w(MMM_child(a, 0));
                 Cell key, value;
                 while (w.next(&key, &value)) MMM_table_set(&hash, key, value);
             } else if (is_equation(a)) {
                 // An equation that lost its value to NULL makes no entry.
-                if (nargs(a) < 2) continue;
+                if (MEV_nargs(a) < 2) continue;
                 Cell key = equation_key(a);
                 try {
-                    MMM_table_set(&hash, key, arg(a, nargs(a)));
+                    MMM_table_set(&hash, key, MEV_arg(a, MEV_nargs(a)));
                 } catch (...) {
                     MMM_release(key);
                     throw;
@@ -108,7 +101,7 @@ Cell enter_named(Cell ident) {
 
 Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
     Cell held = nullptr;
-    Cell x = retained(e);
+    Cell x = MMM_retained(e);
     bool done;
     try {
         done = MEV_check_hold(&x, context, flags, &held, 100);
@@ -118,14 +111,14 @@ Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
     }
     MMM_release(x);
     if (done) return held;
-    if (nargs(e) > 1) MER_raise(1004, "_frame");
-    if (nargs(e) == 0) return retained(MEV_current_frame);
-    Cell a = arg(e, 1);
+    if (MEV_nargs(e) > 1) MER_raise(1004, "_frame");
+    if (MEV_nargs(e) == 0) return MMM_retained(MEV_current_frame);
+    Cell a = MEV_arg(e, 1);
     switch (MMM_category(a)) {
     case DOM_IDENT: return enter_named(a);
     case DOM_FRAME:
         MEV_enter_frame(a);
-        return retained(a);
+        return MMM_retained(a);
     case DOM_EXPR:
     case DOM_VAR: {
         Cell v = MEV_eval(a, MEV_CONTEXT_ARGUMENT, 0);
@@ -143,29 +136,29 @@ Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
 Cell builtin_parent_frame(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
     Cell parent = MMM_frame_parent(MEV_current_frame);
-    return retained(parent == MMM_NIL ? MEV_current_frame : parent);
+    return MMM_retained(parent == MMM_NIL ? MEV_current_frame : parent);
 }
 
 Cell builtin_root_frame(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
-    return retained(MEV_root_frame);
+    return MMM_retained(MEV_root_frame);
 }
 
 }  // namespace
 
 Cell MEV_array_read(Cell e) {
-    Cell a = arg(e, 1);
+    Cell a = MEV_arg(e, 1);
     const long d = MMM_array_dimensions(a);
-    if (nargs(e) - 1 != d) MER_raise(1119, "array");
+    if (MEV_nargs(e) - 1 != d) MER_raise(1119, "array");
     std::vector<long> indices;
-    for (long i = 2; i <= nargs(e); ++i) {
-        if (MMM_category(arg(e, i)) != DOM_INT) return retained(e);
-        indices.push_back(MAR_small_int(arg(e, i)));
+    for (long i = 2; i <= MEV_nargs(e); ++i) {
+        if (MMM_category(MEV_arg(e, i)) != DOM_INT) return MMM_retained(e);
+        indices.push_back(MAR_small_int(MEV_arg(e, i)));
     }
     const long offset = MMM_array_offset(a, indices);
     if (offset < 0) MER_raise(1005, "array");
     Cell entry = MMM_array_entry(a, offset);
-    return retained(entry ? entry : e);
+    return MMM_retained(entry ? entry : e);
 }
 
 void MEV_array_write(Cell* array, Cell index_expr, Cell value) {
@@ -173,11 +166,11 @@ void MEV_array_write(Cell* array, Cell index_expr, Cell value) {
     Cell args = MEV_eval_args(index_expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
     std::vector<long> indices;
     bool integers = true;
-    for (long i = 2; i <= nargs(args); ++i) {
-        if (MMM_category(arg(args, i)) == DOM_INT) indices.push_back(MAR_small_int(arg(args, i)));
+    for (long i = 2; i <= MEV_nargs(args); ++i) {
+        if (MMM_category(MEV_arg(args, i)) == DOM_INT) indices.push_back(MAR_small_int(MEV_arg(args, i)));
         else integers = false;
     }
-    const long count = nargs(args) - 1;
+    const long count = MEV_nargs(args) - 1;
     MMM_release(args);
     if (count != MMM_array_dimensions(*array)) MER_raise(1119, "array");
     const long offset = integers ? MMM_array_offset(*array, indices) : -1;

@@ -33,11 +33,6 @@ Cell words[4] = {};           // None, Warning, Error, User
 Cell protecterror = nullptr;  // the identifier of the library's hook
 Cell write_text = nullptr;    // "write"
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
 bool is_ident(Cell c) { return c && MMM_is_node(c, DOM_IDENT); }
 
 bool is_sequence(Cell c) {
@@ -107,12 +102,12 @@ Cell pretty_setter(Cell value, int, unsigned, Cell code) {
     code_number(code);
     if (value != MMM_NIL && value != MMM_TRUE && value != MMM_FALSE) MER_raise(1012, "PRETTYPRINT");
     MOU_pretty = value != MMM_FALSE;
-    return retained(MOU_pretty ? MMM_TRUE : MMM_FALSE);
+    return MMM_retained(MOU_pretty ? MMM_TRUE : MMM_FALSE);
 }
 
 Cell pretty_getter(Cell, int mode, unsigned, Cell code) {
     code_number(code);
-    return mode == 1 ? nullptr : retained(MOU_pretty ? MMM_TRUE : MMM_FALSE);
+    return mode == 1 ? nullptr : MMM_retained(MOU_pretty ? MMM_TRUE : MMM_FALSE);
 }
 
 // ---- PI, EULER, CATALAN ----
@@ -130,7 +125,7 @@ const char* constant_name(Cell code) {
 Cell constant_setter(Cell value, int, unsigned, Cell code) {
     const char* name = constant_name(code);
     if (value != MMM_NIL) MER_raise(1011, name);
-    return retained(MMM_NIL);
+    return MMM_retained(MMM_NIL);
 }
 
 Cell constant_getter(Cell, int, unsigned, Cell code) {
@@ -185,7 +180,7 @@ Cell path_value(const std::vector<std::string>& texts) {
     if (texts.empty()) return nullptr;
     if (texts.size() == 1) return MMM_make_string(texts[0]);
     Cell s = MMM_make_expr(long(texts.size()) + 1);
-    MMM_children(s)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    MMM_children(s)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
     for (size_t i = 0; i < texts.size(); ++i) MMM_children(s)[i + 1] = MMM_make_string(texts[i]);
     MMM_sign(s);
     return s;
@@ -238,12 +233,12 @@ Cell path_setter(Cell value, int, unsigned, Cell code) {
     Cell made = path_value(texts);
     MMM_release(*v.slot);
     *v.slot = made;
-    return retained(made ? made : MMM_NIL);
+    return MMM_retained(made ? made : MMM_NIL);
 }
 
 Cell path_getter(Cell, int mode, unsigned, Cell code) {
     const PathVar& v = path_var(code);
-    return mode == 1 ? nullptr : retained(*v.slot);
+    return mode == 1 ? nullptr : MMM_retained(*v.slot);
 }
 
 // ---- protection ----
@@ -252,9 +247,9 @@ Cell path_getter(Cell, int mode, unsigned, Cell code) {
 // as they stand; an undefined protecterror leaves a harmless call.
 void run_protecterror(Cell ident) {
     Cell call = MMM_make_expr(3);
-    MMM_children(call)[0] = retained(protecterror);
-    MMM_children(call)[1] = retained(ident);
-    MMM_children(call)[2] = retained(write_text);
+    MMM_children(call)[0] = MMM_retained(protecterror);
+    MMM_children(call)[1] = MMM_retained(ident);
+    MMM_children(call)[2] = MMM_retained(write_text);
     MMM_sign(call);
     Cell r = nullptr;
     try {
@@ -273,29 +268,15 @@ int level_of_word(Cell word) {
     return -1;
 }
 
-// The front of a raw built-in in hold mode: the call with its operands evaluated.
-bool held(Cell e, int context, unsigned flags, Cell* result) {
-    Cell x = retained(e);
-    bool done;
-    try {
-        done = MEV_check_hold(&x, context, flags, result, 100);
-    } catch (...) {
-        MMM_release(x);
-        throw;
-    }
-    MMM_release(x);
-    return done;
-}
-
 // protected(x) and protected(x, level). An identifier operand stands for itself (its
 // value would be no identifier); any other first operand is evaluated and must give one.
 Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
     Cell result = nullptr;
-    if (held(e, context, flags, &result)) return result;
+    if (MEV_held(e, context, flags, &result)) return result;
     MEV_need_args(e, 1, 2);
     const bool evaluated = flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE);
     Cell x = MMM_child(e, 1);
-    Cell id = is_ident(x) || evaluated ? retained(x) : MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0);
+    Cell id = is_ident(x) || evaluated ? MMM_retained(x) : MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0);
     if (!is_ident(id)) {
         MMM_release(id);
         MER_raise(1001, "protected");
@@ -304,9 +285,9 @@ Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
     Cell former = MEV_protection_word(level);
     if (MMM_child_count(e) == 2) {
         MMM_release(id);
-        return retained(former);
+        return MMM_retained(former);
     }
-    Cell w = evaluated ? retained(MMM_child(e, 2)) : nullptr;
+    Cell w = evaluated ? MMM_retained(MMM_child(e, 2)) : nullptr;
     try {
         if (!w) w = MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0);
         const int wanted = level_of_word(w);
@@ -323,7 +304,7 @@ Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
     }
     MMM_release(w);
     MMM_release(id);
-    return retained(former);
+    return MMM_retained(former);
 }
 
 }  // namespace
@@ -351,8 +332,8 @@ Cell MEV_env_bind(std::string_view name, int setter_code, MFN_routine setter, in
         MSE_fatal("Internal error. [MEV_env_bind: " + std::string(name) + " made before its variable]");
     MMM_release(MMM_children(body)[MMM_IB_SETTER]);
     MMM_release(MMM_children(body)[MMM_IB_GETTER]);
-    MMM_children(body)[MMM_IB_SETTER] = retained(MTR_code_cell(setter, setter_code));
-    MMM_children(body)[MMM_IB_GETTER] = retained(MTR_code_cell(getter, getter_code));
+    MMM_children(body)[MMM_IB_SETTER] = MMM_retained(MTR_code_cell(setter, setter_code));
+    MMM_children(body)[MMM_IB_GETTER] = MMM_retained(MTR_code_cell(getter, getter_code));
     MMM_sign(body);
     if (env_count == MMM_child_count(env_idents)) MMM_resize_children(&env_idents, env_count + 4);
     MMM_children(env_idents)[env_count++] = id;  // takes over the reference

@@ -38,11 +38,6 @@ constexpr int ROWS = 29;
 constexpr int COLUMNS = 73;
 uint16_t legality[ROWS][COLUMNS];
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
 bool is_ident(Cell c) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == DOM_IDENT; }
 bool is_expr(Cell c) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == DOM_EXPR; }
 
@@ -130,7 +125,7 @@ void fill_legality() {
 
 Cell eval_constant(Cell c, int context, unsigned) {
     MEV_check_legal(context, c);
-    return retained(c);
+    return MMM_retained(c);
 }
 
 Cell eval_never(Cell c, int, unsigned) { MER_raise(1103, "evaluation of an internal cell"); (void)c; }
@@ -138,18 +133,18 @@ Cell eval_never(Cell c, int, unsigned) { MER_raise(1103, "evaluation of an inter
 Cell eval_ident(Cell c, int context, unsigned flags) {
     if (flags & MEV_HOLD) {
         MEV_check_legal(context, c);
-        return retained(c);
+        return MMM_retained(c);
     }
     if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(1010, "See ?MAXLEVEL");
     if (MEV_depth >= MEV_level) {
         MEV_check_legal(context, c);
-        return retained(c);
+        return MMM_retained(c);
     }
     if (context == MEV_CONTEXT_STATEMENT) context = MEV_CONTEXT_ARGUMENT;
     Cell value = MMM_value(c);
     if (!value) {
         MEV_check_legal(context, c);
-        return retained(c);
+        return MMM_retained(c);
     }
     const int cat = MMM_category(value);
     if ((cat == DOM_TABLE || cat == DOM_ARRAY) && MMM_child_count(value) >= 2) {
@@ -157,7 +152,7 @@ Cell eval_ident(Cell c, int context, unsigned flags) {
         Cell box = MMM_child(value, 1);
         if (MMM_kind_of(box) == MMM_BOX && MMM_child(box, 0) != c) {
             MMM_release(MMM_children(box)[0]);
-            MMM_children(box)[0] = retained(c);
+            MMM_children(box)[0] = MMM_retained(c);
         }
     }
     if (MEV_max_level != 2147483647 && MEV_depth + 1 >= MEV_max_level) {
@@ -182,7 +177,7 @@ Cell eval_ident(Cell c, int context, unsigned flags) {
 
 Cell eval_var(Cell c, int context, unsigned flags) {
     MEV_check_legal(context, c);
-    if (flags & MEV_HOLD) return retained(c);
+    if (flags & MEV_HOLD) return MMM_retained(c);
     if (!MEV_procedure_hooks.variable || !MEV_frame) MER_raise(1114, nullptr);
     return MEV_procedure_hooks.variable(c, context, flags);
 }
@@ -190,7 +185,7 @@ Cell eval_var(Cell c, int context, unsigned flags) {
 // Lists: elements evaluated, sequences spliced, NULL dropped.
 Cell eval_list(Cell c, int context, unsigned flags) {
     MEV_check_legal(context, c);
-    if (flags & MEV_HOLD) return retained(c);
+    if (flags & MEV_HOLD) return MMM_retained(c);
     const long n = MMM_child_count(c);
     std::vector<Cell> values;
     bool changed = false;
@@ -200,7 +195,7 @@ Cell eval_list(Cell c, int context, unsigned flags) {
         Cell v = MEV_eval(e, MEV_CONTEXT_ARGUMENT, 0);
         if (v != e) changed = true;
         if (is_expr(v) && MMM_child(v, 0) == MMM_ident_by_id(MFN_ID_EXPRSEQ)) {
-            for (long k = 1; k < MMM_child_count(v); ++k) values.push_back(retained(MMM_child(v, k)));
+            for (long k = 1; k < MMM_child_count(v); ++k) values.push_back(MMM_retained(MMM_child(v, k)));
             MMM_release(v);
             changed = true;
         } else if (v == MMM_NULL) {
@@ -212,7 +207,7 @@ Cell eval_list(Cell c, int context, unsigned flags) {
     }
     if (!changed) {
         for (Cell v : values) MMM_release(v);
-        return retained(c);
+        return MMM_retained(c);
     }
     Cell l = MMM_make_list(long(values.size()));
     for (size_t i = 0; i < values.size(); ++i) MMM_children(l)[i] = values[i];
@@ -225,7 +220,7 @@ Cell eval_list(Cell c, int context, unsigned flags) {
 // of values evaluates to itself without a copy.
 Cell eval_set(Cell c, int context, unsigned flags) {
     MEV_check_legal(context, c);
-    if (flags & MEV_HOLD) return retained(c);
+    if (flags & MEV_HOLD) return MMM_retained(c);
     Cell elements = MMM_child(c, 0);
     Cell result = nullptr;
     long passed = 0;  // elements before the current one, all unchanged while result is null
@@ -244,7 +239,7 @@ Cell eval_set(Cell c, int context, unsigned flags) {
         MMM_release(v);
         ++passed;
     }
-    if (!result) return retained(c);
+    if (!result) return MMM_retained(c);
     MMM_sign(result);
     return result;
 }
@@ -252,19 +247,19 @@ Cell eval_set(Cell c, int context, unsigned flags) {
 Cell eval_proc(Cell c, int context, unsigned flags) {
     MEV_check_legal(context, c);
     if (!(flags & MEV_HOLD) && MEV_procedure_hooks.closure) return MEV_procedure_hooks.closure(c, context, flags);
-    return retained(c);
+    return MMM_retained(c);
 }
 
 Cell eval_debug(Cell, int context, unsigned) {
     MSE_poll();
-    return context == MEV_CONTEXT_STATEMENT ? nullptr : retained(MMM_NULL);
+    return context == MEV_CONTEXT_STATEMENT ? nullptr : MMM_retained(MMM_NULL);
 }
 
 // ---- calls ----
 
 // A copy of expr with another operator (taken over), signed.
 Cell with_operator(Cell expr, Cell op) {
-    Cell e = retained(expr);
+    Cell e = MMM_retained(expr);
     MMM_clone(&e);
     MMM_release(MMM_children(e)[0]);
     MMM_children(e)[0] = op;
@@ -274,9 +269,9 @@ Cell with_operator(Cell expr, Cell op) {
 
 // Arguments of a symbolic call, as the flags say.
 Cell symbolic_args(Cell expr, unsigned flags) {
-    if (flags & (MEV_HOLD | MEV_ARGS_FLAT)) return retained(expr);
+    if (flags & (MEV_HOLD | MEV_ARGS_FLAT)) return MMM_retained(expr);
     if (flags & MEV_ARGS_SPLICE) {
-        Cell e = retained(expr);
+        Cell e = MMM_retained(expr);
         MEV_flatten(&e, 2);
         return e;
     }
@@ -296,7 +291,7 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
     Cell name = MMM_child(MMM_child(exec, 2), 0);
     Cell e;
     if (is_ident(MMM_child(expr, 0)) && MMM_child(MMM_child(expr, 0), 0) == name) {
-        e = retained(expr);
+        e = MMM_retained(expr);
     } else {
         e = with_operator(expr, MMM_ident(name));
     }
@@ -331,13 +326,13 @@ Cell eval_expr(Cell c, int context, unsigned flags) {
     if (MSE_stack_nearly_full()) MER_raise(1010, "expression nested too deeply");
     Cell op;
     if (flags & MEV_OPERATOR_DONE) {
-        op = retained(MMM_child(c, 0));
+        op = MMM_retained(MMM_child(c, 0));
         flags &= ~MEV_OPERATOR_DONE;
     } else {
         op = MEV_eval(MMM_child(c, 0), MEV_CONTEXT_FREE, 0);
     }
     if (MMM_category(op) == DOM_FUNC_ENV) {
-        Cell evaluator = retained(MMM_child(op, 0));
+        Cell evaluator = MMM_retained(MMM_child(op, 0));
         MMM_release(op);
         op = evaluator;
     }
@@ -346,17 +341,17 @@ Cell eval_expr(Cell c, int context, unsigned flags) {
         switch (MMM_category(op)) {
         case DOM_IDENT:
             if (is_constant_name(op)) {
-                result = retained(op);
+                result = MMM_retained(op);
             } else if (MEV_depth < MEV_level) {
                 Cell args = symbolic_args(c, flags);
                 if (args && MMM_child(args, 0) != op) {
-                    Cell r = with_operator(args, retained(op));
+                    Cell r = with_operator(args, MMM_retained(op));
                     MMM_release(args);
                     args = r;
                 }
-                result = args ? args : retained(c);
+                result = args ? args : MMM_retained(c);
             } else {
-                result = retained(c);
+                result = MMM_retained(c);
             }
             break;
         case DOM_EXEC:
@@ -370,13 +365,13 @@ Cell eval_expr(Cell c, int context, unsigned flags) {
             // A functional expression: (f + g)(x) applies the operator's operator.
             MEV_check_legal(MEV_CONTEXT_ARGUMENT, op);
             Cell args = symbolic_args(c, flags);
-            result = with_operator(args, retained(op));
+            result = with_operator(args, MMM_retained(op));
             MMM_release(args);
             break;
         }
         default:
             // Any other value called gives itself: 2(x) is 2.
-            result = (flags & MEV_HOLD) ? retained(c) : retained(op);
+            result = (flags & MEV_HOLD) ? MMM_retained(c) : MMM_retained(op);
         }
     } catch (...) {
         MMM_release(op);
@@ -391,14 +386,14 @@ Cell eval_expr(Cell c, int context, unsigned flags) {
 // _exprseq: one operand is itself, none is NULL.
 Cell builtin_exprseq(Cell e, int, unsigned, Cell) {
     const long n = MMM_child_count(e) - 1;
-    if (n == 0) return retained(MMM_NULL);
-    if (n == 1) return retained(MMM_child(e, 1));
-    return retained(e);
+    if (n == 0) return MMM_retained(MMM_NULL);
+    if (n == 1) return MMM_retained(MMM_child(e, 1));
+    return MMM_retained(e);
 }
 
 Cell builtin_hold(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 1);
-    return retained(MMM_child(e, 1));
+    return MMM_retained(MMM_child(e, 1));
 }
 
 Cell builtin_eval(Cell e, int context, unsigned, Cell) {
@@ -436,7 +431,7 @@ Cell builtin_level(Cell e, int, unsigned, Cell) {
 
 Cell builtin_null(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
-    return retained(MMM_NULL);
+    return MMM_retained(MMM_NULL);
 }
 
 // A statement from the top level: a fresh evaluation.
@@ -496,13 +491,13 @@ Cell MEV_eval_stmt(Cell cell) {
         throw;
     }
     MEV_depth = depth;
-    if (!r) r = retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
+    if (!r) r = MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
     return r;
 }
 
 Cell MEV_eval_value(Cell cell, int context, unsigned flags) {
     Cell r = MEV_eval(cell, context, flags);
-    if (!r) r = retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
+    if (!r) r = MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
     return r;
 }
 
@@ -535,9 +530,9 @@ bool MEV_flatten(Cell* expr, int mode) {
         for (long i = 0; i < n; ++i) {
             Cell x = MMM_child(e, i);
             if (i >= first && splices(x)) {
-                for (long j = 1; j < MMM_child_count(x); ++j) MMM_children(out)[k++] = retained(MMM_child(x, j));
+                for (long j = 1; j < MMM_child_count(x); ++j) MMM_children(out)[k++] = MMM_retained(MMM_child(x, j));
             } else {
-                MMM_children(out)[k++] = retained(x);
+                MMM_children(out)[k++] = MMM_retained(x);
             }
         }
         MMM_set_node_flags(out, MMM_node_flags(e));
@@ -549,7 +544,7 @@ bool MEV_flatten(Cell* expr, int mode) {
 }
 
 Cell MEV_eval_args(Cell expr, unsigned arg_flags, int context, int flatten_mode, unsigned flags, int* ext_position) {
-    Cell e = retained(expr);
+    Cell e = MMM_retained(expr);
     *ext_position = 0;
     const bool keep_nulls = (arg_flags & MEV_KEEP_NULLS) && MMM_child_count(expr) <= 3;
     bool fresh = false;
@@ -614,7 +609,7 @@ bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const
         if (const uint16_t code = legality[context][front.column]) refuse(code, context);
     int ext = 0;
     if (flags & MEV_HOLD) {
-        *result = retained(*expr);
+        *result = MMM_retained(*expr);
         return true;
     }
     if (flags & MEV_ARGS_FLAT) {
@@ -627,8 +622,8 @@ bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const
         MMM_release(*expr);
         *expr = e;
         if (!e) {  // a FAIL argument stopped the evaluation
-            *expr = retained(MMM_FAIL);
-            *result = retained(MMM_FAIL);
+            *expr = MMM_retained(MMM_FAIL);
+            *result = MMM_retained(MMM_FAIL);
             return true;
         }
     }
@@ -637,7 +632,7 @@ bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const
     if (stored && stored != MMM_NIL && MMM_category(stored) == DOM_TABLE) {
         Cell found = nullptr;
         if (MMM_table_lookup(MMM_child(stored, 0), *expr, 1, &found) && found) {
-            *result = retained(found);
+            *result = MMM_retained(found);
             return true;
         }
     }

@@ -85,6 +85,12 @@ bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_
 // The front of a built-in that takes its arguments unevaluated: the legality test only,
 // and in hold mode the expression with evaluated arguments as the result.
 bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column);
+// The operands of a call (after the operator at child 0).
+inline long MEV_nargs(Cell e) { return MMM_child_count(e) - 1; }
+inline Cell MEV_arg(Cell e, long i) { return MMM_child(e, i); }
+// The front of a raw built-in in hold mode: gives true, with the call and its operands
+// evaluated in *result, when the hold flag is set.
+bool MEV_held(Cell e, int context, unsigned flags, Cell* result);
 // Raises 1004 with the built-in's name unless the call has lo to hi operands.
 void MEV_need_args(Cell expr, long lo, long hi);
 // The legality test of a value in a context: raises the table's error, if any.

@@ -24,13 +24,6 @@ MSU_domain_hooks_record MSU_domain_hooks;
 
 namespace {
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-long nargs(Cell e) { return MMM_child_count(e) - 1; }
-Cell arg(Cell e, long i) { return MMM_child(e, i); }
 
 bool is_call_of(Cell x, int id) { return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(id); }
 
@@ -70,14 +63,14 @@ Cell unsimplified = nullptr;  // the identifier Unsimplified (a root)
 // None gives NULL, one the operand itself, more a _exprseq. The cells are taken over.
 Cell sequence_of(OwnedList& items) {
     std::vector<Cell>& v = items.cells;
-    if (v.empty()) return retained(MMM_NULL);
+    if (v.empty()) return MMM_retained(MMM_NULL);
     if (v.size() == 1) {
         Cell c = v[0];
         v.clear();
         return c;
     }
     Cell s = MMM_make_expr(long(v.size()) + 1);
-    MMM_children(s)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    MMM_children(s)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
     for (size_t i = 0; i < v.size(); ++i) MMM_children(s)[i + 1] = v[i];
     v.clear();
     MMM_sign(s);
@@ -86,30 +79,30 @@ Cell sequence_of(OwnedList& items) {
 
 Cell call_of(int id, std::initializer_list<Cell> operands) {
     Cell e = MMM_make_expr(long(operands.size()) + 1);
-    MMM_children(e)[0] = retained(MMM_ident_by_id(id));
+    MMM_children(e)[0] = MMM_retained(MMM_ident_by_id(id));
     long i = 1;
-    for (Cell c : operands) MMM_children(e)[i++] = retained(c);
+    for (Cell c : operands) MMM_children(e)[i++] = MMM_retained(c);
     MMM_sign(e);
     return e;
 }
 
 // A child as an operand value: internal cells never leave.
 Cell as_operand(Cell c) {
-    if (!c) return retained(MMM_NULL);
-    if (MMM_kind_of(c) == MMM_NODE) return retained(c);
+    if (!c) return MMM_retained(MMM_NULL);
+    if (MMM_kind_of(c) == MMM_NODE) return MMM_retained(c);
     if (MMM_kind_of(c) == MMM_CODE) return MAR_from_long(MFN_code_of(c).code);
-    return retained(MMM_NIL);
+    return MMM_retained(MMM_NIL);
 }
 
 // An evaluated equation. The evaluation of its operands flattens a sequence on either
 // side and drops a NULL, so `i = null()` arrives as an equation of one operand.
 bool is_equation(Cell x) {
-    return is_call_of(x, MFN_ID_EQUAL) && nargs(x) >= 1;
+    return is_call_of(x, MFN_ID_EQUAL) && MEV_nargs(x) >= 1;
 }
 
 Cell operands_as_value(Cell e, long from, long to) {
     OwnedList items;
-    for (long i = from; i <= to; ++i) items.cells.push_back(retained(arg(e, i)));
+    for (long i = from; i <= to; ++i) items.cells.push_back(MMM_retained(MEV_arg(e, i)));
     return sequence_of(items);
 }
 
@@ -160,7 +153,7 @@ MSU_operand_rules rules[MMM_CATEGORY_COUNT];
 
 // A copy of x, exclusively held, for writing.
 Cell writable(Cell x) {
-    Cell y = retained(x);
+    Cell y = MMM_retained(x);
     MMM_clone(&y);
     if (y->refcount != 1) MER_raise(1300, nullptr);
     return y;
@@ -169,10 +162,10 @@ Cell writable(Cell x) {
 // Numbers of one part, strings, booleans, NIL, FAIL, identifiers: the value is its only
 // operand.
 long atom_nops(Cell) { return 1; }
-Cell atom_op(Cell x, long i) { return i == 1 ? retained(x) : nullptr; }
+Cell atom_op(Cell x, long i) { return i == 1 ? MMM_retained(x) : nullptr; }
 Cell atom_replace(Cell, long i, Cell v) {
     if (i != 1) no_operand();
-    return retained(v);
+    return MMM_retained(v);
 }
 
 long null_nops(Cell) { return 0; }
@@ -190,8 +183,8 @@ Cell number_op(Cell x, long i) {
 }
 Cell number_replace(Cell x, long i, Cell v) {
     if (i != 1 && i != 2) no_operand();
-    Owned first(i == 1 ? retained(v) : number_op(x, 1));
-    Owned second(i == 2 ? retained(v) : number_op(x, 2));
+    Owned first(i == 1 ? MMM_retained(v) : number_op(x, 1));
+    Owned second(i == 2 ? MMM_retained(v) : number_op(x, 2));
     const bool rational = MMM_category(x) == DOM_RAT;
     if (MAR_is_number(first.c) && MAR_is_number(second.c)) {
         if (rational) return MAR_divide(first.c, second.c);
@@ -217,7 +210,7 @@ Cell var_replace(Cell x, long i, Cell v) {
     if (MMM_category(v) != DOM_INT) MER_raise(1001, "subsop");
     const int depth = i == 1 ? MAR_small_int(v) : MMM_var_depth(x);
     const int index = i == 2 ? MAR_small_int(v) : MMM_var_index(x);
-    return retained(MMM_var(depth, index));
+    return MMM_retained(MMM_var(depth, index));
 }
 
 // Lists, function environments, kernel routines and procedures: operand i is child i - 1.
@@ -241,7 +234,7 @@ Cell children_replace(Cell x, long i, Cell v) {
     } else {
         Cell& slot = MMM_children(y)[i - 1];
         MMM_release(slot);
-        slot = retained(v == MMM_NULL ? MMM_NIL : v);
+        slot = MMM_retained(v == MMM_NULL ? MMM_NIL : v);
     }
     MMM_sign(y);
     return y;
@@ -264,7 +257,7 @@ Cell array_op(Cell x, long i) {
 }
 Cell array_replace(Cell x, long i, Cell v) {
     if (i < 1 || i > MMM_array_size(x)) no_operand();
-    Cell y = retained(x);
+    Cell y = MMM_retained(x);
     try {
         MMM_array_set(&y, i - 1, v == MMM_NULL ? nullptr : v);
     } catch (...) {
@@ -278,7 +271,7 @@ Cell array_replace(Cell x, long i, Cell v) {
 long set_nops(Cell x) { return MMM_table_count(MMM_child(x, 0)); }
 Cell set_op(Cell x, long i) {
     Cell key, value;
-    return table_entry(MMM_child(x, 0), i, &key, &value) ? retained(key) : nullptr;
+    return table_entry(MMM_child(x, 0), i, &key, &value) ? MMM_retained(key) : nullptr;
 }
 Cell set_replace(Cell x, long i, Cell v) {
     Cell key, value;
@@ -310,9 +303,9 @@ Cell table_replace(Cell x, long i, Cell v) {
     MMM_table_remove(&t, key);
     // The key is what stands before the last operand; an equation that lost its value to
     // NULL makes no entry.
-    if (v != MMM_NULL && nargs(v) >= 2) {
-        Owned new_key(operands_as_value(v, 1, nargs(v) - 1));
-        MMM_table_set(&t, new_key.c, arg(v, nargs(v)));
+    if (v != MMM_NULL && MEV_nargs(v) >= 2) {
+        Owned new_key(operands_as_value(v, 1, MEV_nargs(v) - 1));
+        MMM_table_set(&t, new_key.c, MEV_arg(v, MEV_nargs(v)));
     }
     MMM_sign(y.c);
     return y.take();
@@ -347,7 +340,7 @@ Cell expr_replace(Cell x, long i, Cell v) {
     } else {
         Cell& slot = MMM_children(y)[i];
         MMM_release(slot);
-        slot = retained(v);
+        slot = MMM_retained(v);
     }
     MMM_sign(y);
     return y;
@@ -428,7 +421,7 @@ Cell all_operands(Cell x, bool ext) {
     OwnedList items;
     for (long i = 1; i <= n; ++i) {
         Cell c = operand_of(x, i, ext);
-        items.cells.push_back(c ? c : retained(MMM_FAIL));
+        items.cells.push_back(c ? c : MMM_retained(MMM_FAIL));
     }
     return sequence_of(items);
 }
@@ -443,31 +436,31 @@ long range_bound(Cell b, const char* who) {
 Cell operand_at(Cell x, Cell index, const char* who, bool ext);
 
 Cell single_operand(Cell x, long i, bool ext) {
-    if (i < 0) return retained(MMM_FAIL);
+    if (i < 0) return MMM_retained(MMM_FAIL);
     Cell c = operand_of(x, i, ext);
-    return c ? c : retained(MMM_FAIL);
+    return c ? c : MMM_retained(MMM_FAIL);
 }
 
 // op(x, i), op(x, a..b), op(x, [p1, p2, ...]).
 Cell operand_at(Cell x, Cell index, const char* who, bool ext) {
     const int cat = MMM_category(index);
     if (cat == DOM_INT) return single_operand(x, MAR_small_int(index), ext);
-    if (cat == CAT_BIG_INT) return retained(MMM_FAIL);  // negative, or beyond every operand
-    if (is_call_of(index, MFN_ID_RANGE) && nargs(index) == 2) {
-        const long a = range_bound(arg(index, 1), who), b = range_bound(arg(index, 2), who);
-        if (a < 0 || b < 0) return retained(MMM_FAIL);
-        if (b < a) return retained(MMM_NULL);
+    if (cat == CAT_BIG_INT) return MMM_retained(MMM_FAIL);  // negative, or beyond every operand
+    if (is_call_of(index, MFN_ID_RANGE) && MEV_nargs(index) == 2) {
+        const long a = range_bound(MEV_arg(index, 1), who), b = range_bound(MEV_arg(index, 2), who);
+        if (a < 0 || b < 0) return MMM_retained(MMM_FAIL);
+        if (b < a) return MMM_retained(MMM_NULL);
         if (a == b) return single_operand(x, a, ext);
         OwnedList items;
         for (long i = a; i <= b; ++i) {
             Cell c = operand_of(x, i, ext);
-            if (!c) return retained(MMM_FAIL);
+            if (!c) return MMM_retained(MMM_FAIL);
             items.cells.push_back(c);
         }
         return sequence_of(items);
     }
     if (cat == DOM_LIST) {
-        Owned v(retained(x));
+        Owned v(MMM_retained(x));
         for (long k = 0; k < MMM_child_count(index); ++k) {
             Cell step = MMM_child(index, k);
             if (MMM_category(step) != DOM_INT && MMM_category(step) != CAT_BIG_INT && !is_call_of(step, MFN_ID_RANGE))
@@ -480,17 +473,17 @@ Cell operand_at(Cell x, Cell index, const char* who, bool ext) {
 }
 
 Cell builtin_op(Cell e, const char* who, bool ext) {
-    if (nargs(e) == 0) return retained(MMM_NULL);
-    if (nargs(e) > 2) MER_raise(1004, who);
-    Cell x = arg(e, 1);
-    if (nargs(e) == 1) return all_operands(x, ext);
-    return operand_at(x, arg(e, 2), who, ext);
+    if (MEV_nargs(e) == 0) return MMM_retained(MMM_NULL);
+    if (MEV_nargs(e) > 2) MER_raise(1004, who);
+    Cell x = MEV_arg(e, 1);
+    if (MEV_nargs(e) == 1) return all_operands(x, ext);
+    return operand_at(x, MEV_arg(e, 2), who, ext);
 }
 
 Cell builtin_nops_common(Cell e, const char* who, bool ext) {
-    if (nargs(e) == 0) return MAR_from_long(0);
-    if (nargs(e) > 1) MER_raise(1004, who);
-    return MAR_from_long(count_of(arg(e, 1), ext));
+    if (MEV_nargs(e) == 0) return MAR_from_long(0);
+    if (MEV_nargs(e) > 1) MER_raise(1004, who);
+    return MAR_from_long(count_of(MEV_arg(e, 1), ext));
 }
 
 Cell builtin_nops(Cell e, int, unsigned, Cell) { return builtin_nops_common(e, "nops", false); }
@@ -529,21 +522,21 @@ std::vector<long> substitution_path(Cell lhs) {
 
 // The substitutions of subsop and extsubsop, applied left to right to x.
 Cell substitute(Cell e, long last, const char* who, bool ext) {
-    Owned x(retained(arg(e, 1)));
+    Owned x(MMM_retained(MEV_arg(e, 1)));
     for (long k = 2; k <= last; ++k) {
-        Cell s = arg(e, k);
+        Cell s = MEV_arg(e, k);
         if (!is_equation(s)) MER_raise(1005, who);
-        const std::vector<long> path = substitution_path(arg(s, 1));
-        Owned v(operands_as_value(s, 2, nargs(s)));
+        const std::vector<long> path = substitution_path(MEV_arg(s, 1));
+        Owned v(operands_as_value(s, 2, MEV_nargs(s)));
         x.reset(replace_path(x.c, path, 0, v.c, ext));
     }
     return x.take();
 }
 
 Cell builtin_subsop(Cell e, int, unsigned, Cell) {
-    if (nargs(e) < 1) MER_raise(1004, "subsop");
-    long last = nargs(e);
-    const bool simplify = !(last > 1 && arg(e, last) == unsimplified);
+    if (MEV_nargs(e) < 1) MER_raise(1004, "subsop");
+    long last = MEV_nargs(e);
+    const bool simplify = !(last > 1 && MEV_arg(e, last) == unsimplified);
     if (!simplify) --last;
     Owned r(substitute(e, last, "subsop", false));
     if (!simplify || last == 1) return r.take();
@@ -553,9 +546,9 @@ Cell builtin_subsop(Cell e, int, unsigned, Cell) {
 // extsubsop works on the children of a domain element only, and seals the result without
 // evaluating it.
 Cell builtin_extsubsop(Cell e, int, unsigned, Cell) {
-    if (nargs(e) < 1) MER_raise(1004, "extsubsop");
-    if (!MMM_is_node(arg(e, 1), DOM_EXT)) MER_raise(1005, "extsubsop");
-    return substitute(e, nargs(e), "extsubsop", true);
+    if (MEV_nargs(e) < 1) MER_raise(1004, "extsubsop");
+    if (!MMM_is_node(MEV_arg(e, 1), DOM_EXT)) MER_raise(1005, "extsubsop");
+    return substitute(e, MEV_nargs(e), "extsubsop", true);
 }
 
 // ---- types ----
@@ -588,36 +581,22 @@ Cell function_type(Cell x, Owned& head) {
     return found;
 }
 
-// The prelude of the raw built-ins: the hold flag, then the operand count.
-bool raw_front(Cell e, int context, unsigned flags, Cell* result) {
-    Cell x = retained(e);
-    bool done;
-    try {
-        done = MEV_check_hold(&x, context, flags, result, 100);
-    } catch (...) {
-        MMM_release(x);
-        throw;
-    }
-    MMM_release(x);
-    return done;
-}
-
 Cell builtin_type(Cell e, int context, unsigned flags, Cell) {
     Cell held;
-    if (raw_front(e, context, flags, &held)) return held;
-    if (nargs(e) != 1) MER_raise(1004, "type");
-    Owned x(eval_one_level_less(arg(e, 1)));
+    if (MEV_held(e, context, flags, &held)) return held;
+    if (MEV_nargs(e) != 1) MER_raise(1004, "type");
+    Owned x(eval_one_level_less(MEV_arg(e, 1)));
     if (MMM_is_node(x.c, DOM_EXPR)) {
         Owned head;
-        if (Cell t = function_type(x.c, head)) return retained(t);
+        if (Cell t = function_type(x.c, head)) return MMM_retained(t);
         return MMM_string_value("function");
     }
     return MSU_domain_of(x.c);
 }
 
 Cell builtin_domtype(Cell e, int, unsigned, Cell) {
-    if (nargs(e) != 1) MER_raise(1004, "domtype");
-    return MSU_domain_of(arg(e, 1));
+    if (MEV_nargs(e) != 1) MER_raise(1004, "domtype");
+    return MSU_domain_of(MEV_arg(e, 1));
 }
 
 // The answer of a testtype slot: TRUE or FALSE decide, FAIL is none (null).
@@ -630,42 +609,42 @@ Cell slot_answer(Cell slot, Cell x, Cell t) {
 
 Cell builtin_testtype(Cell e, int context, unsigned flags, Cell) {
     Cell held;
-    if (raw_front(e, context, flags, &held)) return held;
-    if (nargs(e) != 2) MER_raise(1004, "testtype");
-    Owned x(eval_one_level_less(arg(e, 1)));
-    Owned t(MEV_eval(arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
+    if (MEV_held(e, context, flags, &held)) return held;
+    if (MEV_nargs(e) != 2) MER_raise(1004, "testtype");
+    Owned x(eval_one_level_less(MEV_arg(e, 1)));
+    Owned t(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
     Owned domain(MSU_domain_of(x.c));
-    if (MCM_equal(t.c, domain.c)) return retained(MMM_TRUE);
+    if (MCM_equal(t.c, domain.c)) return MMM_retained(MMM_TRUE);
     if (MMM_is_node(t.c, DOM_STRING)) {
         Owned head;
         Cell type = function_type(x.c, head);
-        if (type && MCM_equal(type, t.c)) return retained(MMM_TRUE);
+        if (type && MCM_equal(type, t.c)) return MMM_retained(MMM_TRUE);
     }
-    if (!MSU_domain_hooks.slot || !MSU_domain_hooks.call) return retained(MMM_FALSE);
+    if (!MSU_domain_hooks.slot || !MSU_domain_hooks.call) return MMM_retained(MMM_FALSE);
     Owned own_slot(MSU_domain_hooks.slot(domain.c, "testtype"));
     if (own_slot.c && own_slot.c != MMM_FAIL)
         if (Cell r = slot_answer(own_slot.c, x.c, t.c)) return r;
-    Owned type_domain(MMM_is_node(t.c, DOM_DOMAIN) ? retained(t.c) : MSU_domain_of(t.c));
+    Owned type_domain(MMM_is_node(t.c, DOM_DOMAIN) ? MMM_retained(t.c) : MSU_domain_of(t.c));
     Owned type_slot(MSU_domain_hooks.slot(type_domain.c, "testtype"));
     if (type_slot.c && type_slot.c != MMM_FAIL)
         if (Cell r = slot_answer(type_slot.c, x.c, t.c)) return r;
-    return retained(MMM_FALSE);
+    return MMM_retained(MMM_FALSE);
 }
 
 // ---- contains ----
 
-Cell truth(bool b) { return retained(b ? MMM_TRUE : MMM_FALSE); }
+Cell truth(bool b) { return MMM_retained(b ? MMM_TRUE : MMM_FALSE); }
 
 Cell builtin_contains(Cell e, int, unsigned, Cell) {
-    const long n = nargs(e);
+    const long n = MEV_nargs(e);
     if (n < 2) MER_raise(1004, "contains");
-    Cell x = arg(e, 1), v = arg(e, 2);
+    Cell x = MEV_arg(e, 1), v = MEV_arg(e, 2);
     const int cat = MMM_category(x);
     if (cat == DOM_LIST) {
         if (n > 3) MER_raise(1004, "contains");
         long start = 1;
         if (n == 3) {
-            Cell s = arg(e, 3);
+            Cell s = MEV_arg(e, 3);
             if (MMM_category(s) == CAT_BIG_INT) return MAR_from_long(0);
             if (MMM_category(s) != DOM_INT) MER_raise(1005, "contains");
             start = MAR_small_int(s);
@@ -706,9 +685,9 @@ Cell MSU_op(Cell x, long i) { return rules_of(x).op(x, i); }
 Cell MSU_replace_operand(Cell x, long i, Cell v) { return rules_of(x).replace(x, i, v); }
 
 Cell MSU_domain_of(Cell x) {
-    if (MMM_is_node(x, DOM_EXT) && MMM_child_count(x) >= 1) return retained(MMM_child(x, 0));
+    if (MMM_is_node(x, DOM_EXT) && MMM_child_count(x) >= 1) return MMM_retained(MMM_child(x, 0));
     const char* name = MMM_category_name(MMM_category(x));
-    if (!name) return retained(MMM_FAIL);
+    if (!name) return MMM_retained(MMM_FAIL);
     Cell ident = MMM_ident_named(name);
     if (Cell v = MMM_value(ident)) {
         MMM_release(ident);

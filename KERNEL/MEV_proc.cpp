@@ -40,11 +40,6 @@ constexpr OptionWord option_words[] = {
     {"arrow", MEV_PROC_ARROW},       {"escape", MEV_PROC_ESCAPE}, {"noExpose", MEV_PROC_NO_EXPOSE | MEV_PROC_NO_DEBUG},
 };
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
 bool is_cat(Cell c, int category) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == category; }
 bool is_call_of(Cell c, int id) {
     return is_cat(c, DOM_EXPR) && MMM_child_count(c) >= 1 && MMM_child(c, 0) == MMM_ident_by_id(id);
@@ -72,7 +67,7 @@ Cell entry(Cell field, long k, long n) {
 
 Cell make_proc_env(Cell activation) {
     Cell env = MMM_new_node(DOM_PROC_ENV, 1);
-    MMM_children(env)[0] = retained(activation);
+    MMM_children(env)[0] = MMM_retained(activation);
     MMM_sign(env);
     return env;
 }
@@ -198,9 +193,9 @@ bool type_ok(Cell value, Cell type) {
         return n && MMM_ident_text(type) == n;
     }
     Cell call = MMM_make_expr(3);
-    MMM_children(call)[0] = retained(testtype_ident);
-    MMM_children(call)[1] = retained(value);
-    MMM_children(call)[2] = retained(type);
+    MMM_children(call)[0] = MMM_retained(testtype_ident);
+    MMM_children(call)[1] = MMM_retained(value);
+    MMM_children(call)[2] = MMM_retained(type);
     MMM_sign(call);
     Cell r;
     try {
@@ -278,7 +273,7 @@ Cell eval_local(Cell var, int, unsigned) {
     if (!s) MER_raise(1114, "DOM_VAR");
     if (!*s) {
         // The first read of a local without value: it becomes NIL, with a warning.
-        *s = retained(MMM_NIL);
+        *s = MMM_retained(MMM_NIL);
         if (MEV_warn_uninitialized) {
             Cell p = MMM_child(a, MEV_AC_PROC);
             Cell name = p ? MEV_var_name(MMM_var_index(var), MMM_child(p, MEV_PF_PARAMS), MMM_child(p, MEV_PF_LOCALS))
@@ -286,7 +281,7 @@ Cell eval_local(Cell var, int, unsigned) {
             MER_warn(-1000, nullptr, name ? ident_text(name).c_str() : "unknown");
         }
     }
-    return retained(*s);
+    return MMM_retained(*s);
 }
 
 void write_local(Cell var, Cell value) {
@@ -311,12 +306,12 @@ bool context_name(std::string& name) {
 // Defaults and types, evaluated where the procedure is made: one value for a single
 // parameter, the operands one by one for more.
 Cell evaluated_field(Cell field, long nparams) {
-    if (field == MMM_NIL) return retained(field);
+    if (field == MMM_NIL) return MMM_retained(field);
     if (nparams <= 1 || !is_call_of(field, MFN_ID_EXPRSEQ)) return MEV_eval_value(field, MEV_CONTEXT_STATEMENT, 0);
     const long n = MMM_child_count(field);
     Cell out = MMM_new_node(DOM_EXPR, n);
     for (long i = 0; i < n; ++i) MMM_children(out)[i] = nullptr;
-    MMM_children(out)[0] = retained(MMM_child(field, 0));
+    MMM_children(out)[0] = MMM_retained(MMM_child(field, 0));
     try {
         for (long i = 1; i < n; ++i) MMM_children(out)[i] = MEV_eval_value(MMM_child(field, i), MEV_CONTEXT_STATEMENT, 0);
     } catch (...) {
@@ -364,30 +359,30 @@ Cell make_procedure(Cell tree, bool closed, bool lenient) {
     uint16_t bits = read_options(field(3, MMM_NIL), lenient) | MEV_PROC_NORMALISED;
     if (closed) bits |= MEV_PROC_CLOSED;
     if (MEV_depth == 0) warn_duplicates(field(1, MMM_NIL), field(2, MMM_NIL), field(10, MMM_NIL), field(5, MMM_NIL));
-    Cell body = retained(field(4, MMM_NIL));
+    Cell body = MMM_retained(field(4, MMM_NIL));
     if ((bits & MEV_PROC_NO_EXPOSE) && !is_call_of(body, MFN_ID_STMTSEQ)) {
         // A hidden body is a call of the statement sequence, where printing stops.
         Cell wrapped = MMM_make_expr(2);
-        MMM_children(wrapped)[0] = retained(MMM_ident_by_id(MFN_ID_STMTSEQ));
+        MMM_children(wrapped)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_STMTSEQ));
         MMM_children(wrapped)[1] = body;
         MMM_sign(wrapped);
         body = wrapped;
     }
     Cell p = MMM_new_node(DOM_PROC, MEV_PF_COUNT);
     Cell* c = MMM_children(p);
-    c[MEV_PF_CODE] = retained(call_code);
-    c[MEV_PF_PARAMS] = retained(field(1, MMM_NIL));
-    c[MEV_PF_LOCALS] = retained(field(2, MMM_NIL));
+    c[MEV_PF_CODE] = MMM_retained(call_code);
+    c[MEV_PF_PARAMS] = MMM_retained(field(1, MMM_NIL));
+    c[MEV_PF_LOCALS] = MMM_retained(field(2, MMM_NIL));
     c[MEV_PF_BODY] = body;
-    c[MEV_PF_REMEMBER] = retained(MMM_NIL);
-    c[MEV_PF_NAME] = retained(field(5, MMM_NIL));
-    c[MEV_PF_PARAM_TYPES] = retained(field(6, MMM_NIL));
-    c[MEV_PF_RETURN_TYPE] = retained(field(7, MMM_NIL));
-    c[MEV_PF_LOCAL_TYPES] = retained(field(8, MMM_NIL));
-    c[MEV_PF_DEFAULTS] = retained(field(9, MMM_NIL));
-    c[MEV_PF_SAVED] = retained(field(10, MMM_NIL));
-    c[MEV_PF_CLOSURE] = retained(field(11, MMM_FAIL));
-    c[MEV_PF_DOMAIN] = retained(field(12, MMM_NIL));
+    c[MEV_PF_REMEMBER] = MMM_retained(MMM_NIL);
+    c[MEV_PF_NAME] = MMM_retained(field(5, MMM_NIL));
+    c[MEV_PF_PARAM_TYPES] = MMM_retained(field(6, MMM_NIL));
+    c[MEV_PF_RETURN_TYPE] = MMM_retained(field(7, MMM_NIL));
+    c[MEV_PF_LOCAL_TYPES] = MMM_retained(field(8, MMM_NIL));
+    c[MEV_PF_DEFAULTS] = MMM_retained(field(9, MMM_NIL));
+    c[MEV_PF_SAVED] = MMM_retained(field(10, MMM_NIL));
+    c[MEV_PF_CLOSURE] = MMM_retained(field(11, MMM_FAIL));
+    c[MEV_PF_DOMAIN] = MMM_retained(field(12, MMM_NIL));
     MMM_set_node_flags(p, bits);
     MMM_sign(p);
     return p;
@@ -400,7 +395,7 @@ Cell procdef_from_reader(Cell tree, bool closed) { return make_procedure(tree, c
 Cell MEV_procdef(Cell tree, bool closed) { return make_procedure(tree, closed, false); }
 
 Cell MEV_bind_closure(Cell proc, int, unsigned flags) {
-    if ((flags & MEV_HOLD) || !is_proc(proc) || MMM_child(proc, MEV_PF_CLOSURE) != MMM_FAIL) return retained(proc);
+    if ((flags & MEV_HOLD) || !is_proc(proc) || MMM_child(proc, MEV_PF_CLOSURE) != MMM_FAIL) return MMM_retained(proc);
     const long nparams = item_count(MMM_child(proc, MEV_PF_PARAMS));
     Cell defaults = evaluated_field(MMM_child(proc, MEV_PF_DEFAULTS), nparams);
     Cell types = nullptr, return_type = nullptr;
@@ -412,12 +407,12 @@ Cell MEV_bind_closure(Cell proc, int, unsigned flags) {
         MMM_release(types);
         throw;
     }
-    Cell p = retained(proc);
+    Cell p = MMM_retained(proc);
     MMM_clone(&p);
     Cell* c = MMM_children(p);
     MMM_release(c[MEV_PF_CLOSURE]);
     c[MEV_PF_CLOSURE] =
-        !MEV_frame || (MMM_node_flags(p) & MEV_PROC_CLOSED) ? retained(MMM_NIL) : make_proc_env(MEV_frame);
+        !MEV_frame || (MMM_node_flags(p) & MEV_PROC_CLOSED) ? MMM_retained(MMM_NIL) : make_proc_env(MEV_frame);
     MMM_release(c[MEV_PF_DEFAULTS]);
     c[MEV_PF_DEFAULTS] = defaults;
     MMM_release(c[MEV_PF_PARAM_TYPES]);
@@ -441,13 +436,13 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
                      : is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1 ? MMM_NIL
                                                                                            : name;
     // 4. Held: the call stays as it is.
-    if (flags & MEV_HOLD) return retained(expr);
+    if (flags & MEV_HOLD) return MMM_retained(expr);
     // 5. Arguments.
     Cell args;
     if (flags & MEV_ARGS_FLAT) {
-        args = retained(expr);
+        args = MMM_retained(expr);
     } else if ((flags & MEV_ARGS_SPLICE) || (options & MEV_PROC_HOLD)) {
-        args = retained(expr);
+        args = MMM_retained(expr);
         MEV_flatten(&args, 2);
     } else {
         int ext = 0;
@@ -464,7 +459,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         Cell found = nullptr;
         if (MMM_table_lookup(MMM_child(table, 0), args, 1, &found) && found) {
             MMM_release(args);
-            return retained(found);
+            return MMM_retained(found);
         }
     }
     // 8. The body runs at LEVEL 1 from depth 0.
@@ -506,13 +501,13 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         w[MEV_AW_RING_POS] = 0;
         w[MEV_AW_SPARE] = 0;
         Cell* c = MMM_children(frame);
-        c[MEV_AC_PROC] = retained(proc);
-        c[MEV_AC_LEXICAL] = retained(parent);
+        c[MEV_AC_PROC] = MMM_retained(proc);
+        c[MEV_AC_LEXICAL] = MMM_retained(parent);
         c[MEV_AC_CALLER] = MEV_frame;  // takes over the reference MEV_frame held
-        for (int i = 0; i < 3; ++i) c[MEV_AC_RING + i] = retained(MMM_NULL);
-        c[MEV_AC_RESTORE] = retained(MMM_NIL);
-        c[first_slot] = retained(call_name);
-        c[first_slot + 1] = retained(dom);
+        for (int i = 0; i < 3; ++i) c[MEV_AC_RING + i] = MMM_retained(MMM_NULL);
+        c[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
+        c[first_slot] = MMM_retained(call_name);
+        c[first_slot + 1] = MMM_retained(dom);
         MEV_frame = frame;
         frame_current = true;
         // 13. Names saved by the header; the NIL beside a value marks it for restoring.
@@ -520,13 +515,13 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
             Cell id = item(field[MEV_PF_SAVED], k);
             if (!is_cat(id, DOM_IDENT)) continue;
             c[MEV_AC_SAVED + 2 * k] = MMM_value_in(id, MEV_current_frame, true);
-            c[MEV_AC_SAVED + 2 * k + 1] = retained(MMM_NIL);
+            c[MEV_AC_SAVED + 2 * k + 1] = MMM_retained(MMM_NIL);
         }
         // 14. Arguments.
-        for (long i = 0; i < nargs; ++i) c[first_arg + i] = retained(MMM_child(args, i + 1));
+        for (long i = 0; i < nargs; ++i) c[first_arg + i] = MMM_retained(MMM_child(args, i + 1));
         // 15. Defaults for the missing ones.
         for (long k = nargs; k < nparams; ++k)
-            if (Cell d = entry(field[MEV_PF_DEFAULTS], k, nparams)) c[first_arg + k] = retained(d);
+            if (Cell d = entry(field[MEV_PF_DEFAULTS], k, nparams)) c[first_arg + k] = MMM_retained(d);
         // 16.
         MMM_sign(frame);
         // 17. Type tests, which do not test themselves.
@@ -546,11 +541,11 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         Cell body = field[MEV_PF_BODY];
         MEV_value_pending = 0;
         if (body == MMM_NIL) {
-            result = retained(MMM_NULL);
+            result = MMM_retained(MMM_NULL);
         } else {
             result = MEV_eval(body, MEV_CONTEXT_STATEMENT, 0);
             if (result) MEV_ring_enter(result);
-            else result = retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
+            else result = MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
         }
         // 20.
         MEV_frame_leave(frame);
@@ -565,7 +560,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         // 24. The caller's activation is current again.
         Cell back = MMM_child(frame, MEV_AC_CALLER);
         const std::string name_text = MEV_warn_dead_closure ? MEV_call_name_text(frame) : std::string();
-        MEV_frame = retained(back);
+        MEV_frame = MMM_retained(back);
         frame_current = false;
         if (!MEV_frame_close(frame, escape) && MEV_warn_dead_closure)
             MER_warn(-1004, nullptr, name_text.c_str());
@@ -583,7 +578,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
                 MEV_frame_leave(frame);
             } catch (const MER_exception&) {
             }
-            MEV_frame = retained(MMM_child(frame, MEV_AC_CALLER));
+            MEV_frame = MMM_retained(MMM_child(frame, MEV_AC_CALLER));
             MEV_frame_close(frame, escape);
         }
         MMM_release(args);
@@ -697,10 +692,10 @@ void MEV_ring_enter(Cell value) {
 void MEV_frame_save(Cell ident) {
     Cell a = MEV_frame;
     Cell t = MMM_new(MMM_TRIPLE, 0, 3);
-    MMM_children(t)[0] = retained(ident);
+    MMM_children(t)[0] = MMM_retained(ident);
     MMM_children(t)[1] = MMM_value_in(ident, MEV_current_frame, true);
     Cell& chain = MMM_children(a)[MEV_AC_RESTORE];
-    MMM_children(t)[2] = chain ? chain : retained(MMM_NIL);
+    MMM_children(t)[2] = chain ? chain : MMM_retained(MMM_NIL);
     MMM_sign(t);
     chain = t;
 }
@@ -709,7 +704,7 @@ void MEV_frame_leave(Cell frame) {
     Cell* c = MMM_children(frame);
     // Names saved in the body, the latest first, so that the earliest value stays.
     Cell chain = c[MEV_AC_RESTORE];
-    c[MEV_AC_RESTORE] = retained(MMM_NIL);
+    c[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
     try {
         for (Cell t = chain; t && MMM_kind_of(t) == MMM_TRIPLE; t = MMM_child(t, 2))
             restore_name(MMM_child(t, 0), MMM_child(t, 1));
@@ -751,11 +746,11 @@ Cell copy_activation(Cell a) {
     Cell c = MMM_new_cleared(MMM_PROC_ENV, long(sizeof(int32_t)) * MEV_AW_COUNT, n);
     std::memcpy(c->data, a->data, sizeof(int32_t) * MEV_AW_COUNT);
     Cell* to = MMM_children(c);
-    to[MEV_AC_PROC] = retained(MMM_child(a, MEV_AC_PROC));
+    to[MEV_AC_PROC] = MMM_retained(MMM_child(a, MEV_AC_PROC));
     to[MEV_AC_LEXICAL] = parent;
-    for (int i = 0; i < 3 && MEV_AC_RING + i < n; ++i) to[MEV_AC_RING + i] = retained(MMM_NULL);
-    if (MEV_AC_RESTORE < n) to[MEV_AC_RESTORE] = retained(MMM_NIL);
-    for (long i = words(a)[MEV_AW_FIRST_SLOT]; i < n; ++i) to[i] = retained(MMM_child(a, i));
+    for (int i = 0; i < 3 && MEV_AC_RING + i < n; ++i) to[MEV_AC_RING + i] = MMM_retained(MMM_NULL);
+    if (MEV_AC_RESTORE < n) to[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
+    for (long i = words(a)[MEV_AW_FIRST_SLOT]; i < n; ++i) to[i] = MMM_retained(MMM_child(a, i));
     MMM_sign(c);
     return c;
 }
@@ -763,13 +758,13 @@ Cell copy_activation(Cell a) {
 }  // namespace
 
 Cell MEV_copy_closure(Cell proc) {
-    if (!is_proc(proc) || !is_cat(MMM_child(proc, MEV_PF_CLOSURE), DOM_PROC_ENV)) return retained(proc);
+    if (!is_proc(proc) || !is_cat(MMM_child(proc, MEV_PF_CLOSURE), DOM_PROC_ENV)) return MMM_retained(proc);
     Cell copy = copy_activation(MMM_child(MMM_child(proc, MEV_PF_CLOSURE), 0));
-    Cell p = retained(proc);
+    Cell p = MMM_retained(proc);
     MMM_clone(&p);
     Cell& closure = MMM_children(p)[MEV_PF_CLOSURE];
     MMM_release(closure);
-    closure = copy ? make_proc_env(copy) : retained(MMM_NIL);
+    closure = copy ? make_proc_env(copy) : MMM_retained(MMM_NIL);
     MMM_release(copy);
     MMM_sign(p);
     return p;
@@ -780,9 +775,9 @@ void MEV_running_scopes(std::vector<Cell>& params, std::vector<Cell>& locals, st
     for (Cell a = MEV_frame; a && MMM_child(a, MEV_AC_PROC); a = MMM_child(a, MEV_AC_LEXICAL)) chain.push_back(a);
     for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
         Cell p = MMM_child(*it, MEV_AC_PROC);
-        params.push_back(retained(MMM_child(p, MEV_PF_PARAMS)));
-        locals.push_back(retained(MMM_child(p, MEV_PF_LOCALS)));
-        names.push_back(retained(MMM_child(p, MEV_PF_NAME)));
+        params.push_back(MMM_retained(MMM_child(p, MEV_PF_PARAMS)));
+        locals.push_back(MMM_retained(MMM_child(p, MEV_PF_LOCALS)));
+        names.push_back(MMM_retained(MMM_child(p, MEV_PF_NAME)));
     }
 }
 
@@ -800,7 +795,7 @@ void MEV_name_procedure(Cell lhs, Cell value) {
     // In place: the value may be shared, and every holder sees the name.
     Cell& field = MMM_children(p)[MEV_PF_NAME];
     MMM_release(field);
-    field = retained(name);
+    field = MMM_retained(name);
     MMM_sign(p);
     if (env) MMM_sign(env);
 }
@@ -815,23 +810,23 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
         // A name without value becomes a remember procedure that gives its call back
         // for arguments it does not know: procname(args()).
         Cell args_call = MMM_make_expr(1);
-        MMM_children(args_call)[0] = retained(MMM_ident_by_id(MFN_ID_ARGS));
+        MMM_children(args_call)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_ARGS));
         MMM_sign(args_call);
         Cell body = MMM_make_expr(2);
-        MMM_children(body)[0] = retained(MMM_var(0, 0));
+        MMM_children(body)[0] = MMM_retained(MMM_var(0, 0));
         MMM_children(body)[1] = args_call;
         MMM_sign(body);
         made = MMM_new_node(DOM_PROC, MEV_PF_COUNT);
         Cell* c = MMM_children(made);
-        for (int i = 0; i < MEV_PF_COUNT; ++i) c[i] = retained(MMM_NIL);
+        for (int i = 0; i < MEV_PF_COUNT; ++i) c[i] = MMM_retained(MMM_NIL);
         MMM_release(c[MEV_PF_CODE]);
-        c[MEV_PF_CODE] = retained(call_code);
+        c[MEV_PF_CODE] = MMM_retained(call_code);
         MMM_release(c[MEV_PF_BODY]);
         c[MEV_PF_BODY] = body;
         MMM_release(c[MEV_PF_REMEMBER]);
         c[MEV_PF_REMEMBER] = MMM_make_table(0);
         MMM_release(c[MEV_PF_NAME]);
-        c[MEV_PF_NAME] = retained(f);
+        c[MEV_PF_NAME] = MMM_retained(f);
         MMM_set_node_flags(made, MEV_PROC_NORMALISED | MEV_PROC_REMEMBER | MEV_PROC_CLOSED);
         MMM_sign(made);
         try {
@@ -868,7 +863,7 @@ void MEV_proc_start() {
     procname_ident = MMM_ident_named("procname");
     dom_ident = MMM_ident_named("dom");
     testtype_ident = MMM_ident_named("testtype");
-    MEV_remember_exclusion = retained(MMM_FALSE);
+    MEV_remember_exclusion = MMM_retained(MMM_FALSE);
     call_code = MTR_code_cell(MEV_call_proc, MTR_CODE_PROCEDURE_CALL);
 
     MEV_procedure_hooks.call = MEV_call_proc;

@@ -14,13 +14,6 @@
 
 namespace {
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-long nargs(Cell e) { return MMM_child_count(e) - 1; }
-Cell arg(Cell e, long i) { return MMM_child(e, i); }
 bool is_cat(Cell c, int category) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == category; }
 bool is_call_of(Cell c, int id) {
     return is_cat(c, DOM_EXPR) && MMM_child_count(c) >= 1 && MMM_child(c, 0) == MMM_ident_by_id(id);
@@ -28,11 +21,11 @@ bool is_call_of(Cell c, int id) {
 
 // NULL for no value, the value for one, a sequence for more.
 Cell sequence_of(const std::vector<Cell>& values) {
-    if (values.empty()) return retained(MMM_NULL);
-    if (values.size() == 1) return retained(values[0]);
+    if (values.empty()) return MMM_retained(MMM_NULL);
+    if (values.size() == 1) return MMM_retained(values[0]);
     Cell s = MMM_make_expr(long(values.size()) + 1);
-    MMM_children(s)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-    for (size_t i = 0; i < values.size(); ++i) MMM_children(s)[i + 1] = retained(values[i]);
+    MMM_children(s)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    for (size_t i = 0; i < values.size(); ++i) MMM_children(s)[i + 1] = MMM_retained(values[i]);
     MMM_sign(s);
     return s;
 }
@@ -40,7 +33,7 @@ Cell sequence_of(const std::vector<Cell>& values) {
 // _procdef(...) evaluated: the procedure it makes, bound where it is evaluated. The
 // parser normally makes the procedure while it reads; this serves trees made otherwise.
 Cell builtin_procdef(Cell e, int context, unsigned flags, Cell) {
-    if (flags & MEV_HOLD) return retained(e);
+    if (flags & MEV_HOLD) return MMM_retained(e);
     Cell p = MEV_procdef(e, false);
     Cell r;
     try {
@@ -69,8 +62,8 @@ Cell builtin_args(Cell e, int, unsigned, Cell) {
         }
         return sequence_of(values);
     };
-    if (nargs(e) == 0) return range(1, count);
-    Cell x = arg(e, 1);
+    if (MEV_nargs(e) == 0) return range(1, count);
+    Cell x = MEV_arg(e, 1);
     auto index = [&](Cell i, long lowest) -> long {
         if (MMM_category(i) == CAT_BIG_INT) MER_raise(1012, "args");
         if (MMM_category(i) != DOM_INT) MER_raise(1005, "args");
@@ -78,8 +71,8 @@ Cell builtin_args(Cell e, int, unsigned, Cell) {
         if (k < lowest || k > count) MER_raise(1012, "args");
         return k;
     };
-    if (is_call_of(x, MFN_ID_RANGE) && nargs(x) == 2) {
-        const long lo = index(arg(x, 1), 1), hi = index(arg(x, 2), 1);
+    if (is_call_of(x, MFN_ID_RANGE) && MEV_nargs(x) == 2) {
+        const long lo = index(MEV_arg(x, 1), 1), hi = index(MEV_arg(x, 2), 1);
         return range(lo, hi);
     }
     const long k = index(x, 0);
@@ -92,25 +85,25 @@ Cell builtin_args(Cell e, int, unsigned, Cell) {
 Cell builtin_last(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 1);
     long n = 1;
-    if (nargs(e) == 1) {
-        if (MMM_category(arg(e, 1)) != DOM_INT) MER_raise(1005, "last");
-        n = MAR_small_int(arg(e, 1));
+    if (MEV_nargs(e) == 1) {
+        if (MMM_category(MEV_arg(e, 1)) != DOM_INT) MER_raise(1005, "last");
+        n = MAR_small_int(MEV_arg(e, 1));
     }
-    if (!MEV_frame) return retained(e);
+    if (!MEV_frame) return MMM_retained(e);
     if (n < 1 || n > 3) MER_raise(1012, "last");
     const int32_t pos = MEV_activation_words(MEV_frame)[MEV_AW_RING_POS];
     Cell v = MMM_child(MEV_frame, MEV_AC_RING + (pos - n + 6) % 3);
-    return retained(v ? v : MMM_NULL);
+    return MMM_retained(v ? v : MMM_NULL);
 }
 
 // context(x): the value of x, evaluated once more in the caller's activation with the
 // caller's LEVEL.
 Cell builtin_context(Cell e, int, unsigned flags, Cell) {
-    if (flags & MEV_HOLD) return retained(e);
-    if (nargs(e) == 0) return retained(MMM_NULL);
+    if (flags & MEV_HOLD) return MMM_retained(e);
+    if (MEV_nargs(e) == 0) return MMM_retained(MMM_NULL);
     if (!MEV_frame) MER_raise(1037, nullptr);
     MEV_need_args(e, 1, 1);
-    Cell value = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+    Cell value = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
     Cell frame = MEV_frame;
     const int32_t level = MEV_level, depth = MEV_depth;
     MEV_frame = MMM_child(frame, MEV_AC_CALLER);
@@ -135,9 +128,9 @@ Cell builtin_context(Cell e, int, unsigned flags, Cell) {
 
 Cell builtin_act_proc_env(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
-    if (!MEV_frame) return retained(MMM_NULL);
+    if (!MEV_frame) return MMM_retained(MMM_NULL);
     Cell env = MMM_new_node(DOM_PROC_ENV, 1);
-    MMM_children(env)[0] = retained(MEV_frame);
+    MMM_children(env)[0] = MMM_retained(MEV_frame);
     MMM_sign(env);
     return env;
 }
@@ -146,7 +139,7 @@ Cell builtin_act_proc_env(Cell e, int, unsigned, Cell) {
 // with `dom` as its domain and the running activation as its caller.
 Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 3, 3);
-    Cell dom = arg(e, 2), env = arg(e, 3);
+    Cell dom = MEV_arg(e, 2), env = MEV_arg(e, 3);
     if (!is_cat(dom, DOM_DOMAIN) || !is_cat(env, DOM_PROC_ENV)) MER_raise(1005, "_eval_entry");
     Cell a = MMM_child(env, 0);
     const int32_t first = MEV_activation_words(a)[MEV_AW_FIRST_SLOT];
@@ -154,8 +147,8 @@ Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
     Cell* c = MMM_children(a);
     Cell saved_dom = c[first + 1], saved_caller = c[MEV_AC_CALLER];
     Cell frame = MEV_frame;
-    c[first + 1] = retained(dom);
-    c[MEV_AC_CALLER] = retained(frame);
+    c[first + 1] = MMM_retained(dom);
+    c[MEV_AC_CALLER] = MMM_retained(frame);
     MEV_frame = a;
     auto restore = [&] {
         MEV_frame = frame;
@@ -166,7 +159,7 @@ Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
     };
     Cell r;
     try {
-        r = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+        r = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
     } catch (...) {
         restore();
         throw;
@@ -177,8 +170,8 @@ Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
 
 Cell builtin_copy_closure(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 1);
-    if (!is_cat(arg(e, 1), DOM_PROC)) MER_raise(1005, "copyClosure");
-    return MEV_copy_closure(arg(e, 1));
+    if (!is_cat(MEV_arg(e, 1), DOM_PROC)) MER_raise(1005, "copyClosure");
+    return MEV_copy_closure(MEV_arg(e, 1));
 }
 
 }  // namespace

@@ -19,13 +19,6 @@
 
 namespace {
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-long nargs(Cell e) { return MMM_child_count(e) - 1; }
-Cell arg(Cell e, long i) { return MMM_child(e, i); }
 std::string name_of(Cell e) { return std::string(MMM_ident_text(MMM_child(e, 0))); }
 bool is_call_of(Cell c, int id) {
     return MMM_kind_of(c) == MMM_NODE && MMM_category(c) == DOM_EXPR && MMM_child(c, 0) == MMM_ident_by_id(id);
@@ -38,12 +31,12 @@ bool is_real(Cell v) {
 // The common opening of every statement. Gives true when *out is the answer already.
 bool opening(Cell e, unsigned flags, Cell* out) {
     if (flags & MEV_HOLD) {
-        *out = retained(e);
+        *out = MMM_retained(e);
         return true;
     }
     if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(1010, "See ?MAXLEVEL");
     if (MEV_depth >= MEV_level) {
-        *out = retained(e);
+        *out = MMM_retained(e);
         return true;
     }
     return false;
@@ -52,7 +45,7 @@ bool opening(Cell e, unsigned flags, Cell* out) {
 // The closing of every statement: its value is the last value, or NULL.
 Cell closing(int context) {
     if (context == MEV_CONTEXT_STATEMENT) return nullptr;
-    return retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
+    return MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
 }
 
 void set_last_value(Cell v) {
@@ -122,8 +115,8 @@ Cell index_key(Cell index_expr) { return MMM_table_make_key(index_expr, 2); }
 void write_at(Cell* container, Cell index_expr, Cell value) {
     const int cat = MMM_category(*container);
     if (cat == DOM_LIST) {
-        if (nargs(index_expr) != 2) MER_raise(1017, nullptr);
-        Cell index = MEV_eval(arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
+        if (MEV_nargs(index_expr) != 2) MER_raise(1017, nullptr);
+        Cell index = MEV_eval(MEV_arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
         long i;
         try {
             i = list_index(*container, index);
@@ -145,7 +138,7 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
             // children's signatures, so it changes by the difference, and writing element
             // by element costs no walk over the list.
             Cell old = MMM_children(l)[i - 1];
-            MMM_children(l)[i - 1] = retained(value);
+            MMM_children(l)[i - 1] = MMM_retained(value);
             l->signature += value->signature - (old ? old->signature : 0u);
             MMM_release(old);
             return;
@@ -154,7 +147,7 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         return;
     }
     if (cat == DOM_TABLE) {
-        Cell evaluated = retained(index_expr);
+        Cell evaluated = MMM_retained(index_expr);
         int ext = 0;
         Cell args = MEV_eval_args(index_expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
         MMM_release(evaluated);
@@ -172,8 +165,8 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         return;
     }
     if (cat == DOM_STRING) {
-        if (nargs(index_expr) != 2) MER_raise(1017, nullptr);
-        Cell index = MEV_eval(arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
+        if (MEV_nargs(index_expr) != 2) MER_raise(1017, nullptr);
+        Cell index = MEV_eval(MEV_arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
         std::string text(MMM_string_view(MMM_child(*container, 0)));
         // Positions as in reading: from 1, a negative one from the end.
         long i = MMM_category(index) == DOM_INT ? MAR_small_int(index) : 0;
@@ -216,14 +209,14 @@ Cell take_for_writing(Cell target) {
 Cell evaluated_indices(Cell lhs) {
     const long n = MMM_child_count(lhs);
     Cell out = MMM_make_expr(n);
-    for (long i = 0; i < n; ++i) MMM_children(out)[i] = i < 1 ? retained(MMM_child(lhs, i)) : nullptr;
+    for (long i = 0; i < n; ++i) MMM_children(out)[i] = i < 1 ? MMM_retained(MMM_child(lhs, i)) : nullptr;
     try {
         for (long i = 1; i < n; ++i) {
             Cell h = MMM_make_expr(2);
-            MMM_children(h)[0] = retained(MMM_ident_by_id(MFN_ID_HOLD));
+            MMM_children(h)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_HOLD));
             MMM_children(h)[1] = nullptr;
             MMM_children(out)[i] = h;
-            MMM_children(h)[1] = i == 1 ? retained(MMM_child(lhs, 1)) : MEV_eval(MMM_child(lhs, i), MEV_CONTEXT_ARGUMENT, 0);
+            MMM_children(h)[1] = i == 1 ? MMM_retained(MMM_child(lhs, 1)) : MEV_eval(MMM_child(lhs, i), MEV_CONTEXT_ARGUMENT, 0);
             MMM_sign(h);
         }
     } catch (...) {
@@ -236,7 +229,7 @@ Cell evaluated_indices(Cell lhs) {
 
 // a[i] := v, and deeper paths a[i][j] := v.
 void assign_index(Cell lhs, Cell value, unsigned flags) {
-    Cell base = arg(lhs, 1);
+    Cell base = MEV_arg(lhs, 1);
     if (is_call_of(base, MFN_ID_INDEX)) {
         // a[i][j] := v: read a[i], write into it, and write it back at a[i].
         Cell inner = MEV_eval(base, MEV_CONTEXT_ARGUMENT, 0);
@@ -337,20 +330,20 @@ void assign_to(Cell lhs, Cell value, unsigned flags) {
 Cell stmt_stmtseq(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    for (long i = 1; i < MMM_child_count(e) && !MEV_control; ++i) MEV_exec(arg(e, i));
+    for (long i = 1; i < MMM_child_count(e) && !MEV_control; ++i) MEV_exec(MEV_arg(e, i));
     return closing(context);
 }
 
 Cell stmt_assign(Cell e, int context, unsigned flags, unsigned set_flags) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) != 2) MER_raise(1004, name_of(e).c_str());
+    if (MEV_nargs(e) != 2) MER_raise(1004, name_of(e).c_str());
     Cell value = (flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE))
-                     ? retained(arg(e, 2))
-                     : MEV_eval_value(arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0);
+                     ? MMM_retained(MEV_arg(e, 2))
+                     : MEV_eval_value(MEV_arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0);
     try {
-        MEV_name_procedure(arg(e, 1), value);
-        assign_to(arg(e, 1), value, set_flags);
+        MEV_name_procedure(MEV_arg(e, 1), value);
+        assign_to(MEV_arg(e, 1), value, set_flags);
     } catch (...) {
         MMM_release(value);
         throw;
@@ -371,10 +364,10 @@ Cell stmt_sysassign(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_if(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) != 3) MER_raise(1004, "_if");
-    const int b = MEV_bool(arg(e, 1));
-    if (b == MMM_BOOL_TRUE) MEV_exec(arg(e, 2));
-    else if (b == MMM_BOOL_FALSE) MEV_exec(arg(e, 3));
+    if (MEV_nargs(e) != 3) MER_raise(1004, "_if");
+    const int b = MEV_bool(MEV_arg(e, 1));
+    if (b == MMM_BOOL_TRUE) MEV_exec(MEV_arg(e, 2));
+    else if (b == MMM_BOOL_FALSE) MEV_exec(MEV_arg(e, 3));
     else MER_raise(1003, "_if");
     return closing(context);
 }
@@ -396,21 +389,21 @@ void leave_loop() {
 Cell stmt_case(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) < 1) MER_raise(1004, "_case");
-    Cell selector = MEV_eval(arg(e, 1), MEV_CONTEXT_FREE, 0);
-    const long pairs = (nargs(e) - 1) / 2;
-    const bool has_otherwise = (nargs(e) - 1) % 2 == 1;
+    if (MEV_nargs(e) < 1) MER_raise(1004, "_case");
+    Cell selector = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_FREE, 0);
+    const long pairs = (MEV_nargs(e) - 1) / 2;
+    const bool has_otherwise = (MEV_nargs(e) - 1) % 2 == 1;
     bool matched = false;
     try {
         for (long p = 0; p < pairs && !MEV_control; ++p) {
             if (!matched) {
-                Cell v = MEV_eval(arg(e, 2 + 2 * p), MEV_CONTEXT_FREE, 0);
+                Cell v = MEV_eval(MEV_arg(e, 2 + 2 * p), MEV_CONTEXT_FREE, 0);
                 matched = MCM_equal(v, selector);
                 MMM_release(v);
             }
-            if (matched) MEV_exec(arg(e, 3 + 2 * p));
+            if (matched) MEV_exec(MEV_arg(e, 3 + 2 * p));
         }
-        if (has_otherwise && !MEV_control) MEV_exec(arg(e, nargs(e)));
+        if (has_otherwise && !MEV_control) MEV_exec(MEV_arg(e, MEV_nargs(e)));
     } catch (...) {
         MMM_release(selector);
         throw;
@@ -433,20 +426,20 @@ bool read_back_real(Cell var, Cell* value) {
 Cell stmt_for(Cell e, int context, unsigned flags, bool down) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) != 5) MER_raise(1004, down ? "_for_down" : "_for");
+    if (MEV_nargs(e) != 5) MER_raise(1004, down ? "_for_down" : "_for");
     clear_last_value();
-    Cell var = arg(e, 1);
-    Cell start = eval_real(arg(e, 2), MFN_ID_PLUS);
+    Cell var = MEV_arg(e, 1);
+    Cell start = eval_real(MEV_arg(e, 2), MFN_ID_PLUS);
     Cell step = nullptr, stop = nullptr;
     try {
-        step = arg(e, 4) == MMM_NIL ? retained(MAR_ONE) : eval_real(arg(e, 4), MFN_ID_PLUS);
-        stop = eval_real(arg(e, 3), MFN_ID_PLUS);
+        step = MEV_arg(e, 4) == MMM_NIL ? MMM_retained(MAR_ONE) : eval_real(MEV_arg(e, 4), MFN_ID_PLUS);
+        stop = eval_real(MEV_arg(e, 3), MFN_ID_PLUS);
         check_loop_variable(var);
         if (MAR_compare(step, MAR_ZERO) <= 0) MER_raise(1042, nullptr);
         assign_variable(var, start, 0);
-        Cell counter = retained(start);
+        Cell counter = MMM_retained(start);
         while ((down ? MAR_compare(counter, stop) >= 0 : MAR_compare(counter, stop) <= 0) && !MEV_control) {
-            MEV_exec(arg(e, 5));
+            MEV_exec(MEV_arg(e, 5));
             MMM_release(counter);
             counter = nullptr;
             if (!read_back_real(var, &counter)) MER_raise(1201, "_for", "Illegal assignment to loop variable");
@@ -499,15 +492,15 @@ std::vector<Cell> members(Cell v) {
 Cell stmt_for_in(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) != 3) MER_raise(1004, "_for_in");
+    if (MEV_nargs(e) != 3) MER_raise(1004, "_for_in");
     clear_last_value();
-    check_loop_variable(arg(e, 1));
-    Cell container = MEV_eval(arg(e, 2), MEV_CONTEXT_FREE, 0);
+    check_loop_variable(MEV_arg(e, 1));
+    Cell container = MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_FREE, 0);
     try {
         for (Cell m : members(container)) {
             if (MEV_control) break;
-            assign_variable(arg(e, 1), m, 0);
-            MEV_exec(arg(e, 3));
+            assign_variable(MEV_arg(e, 1), m, 0);
+            MEV_exec(MEV_arg(e, 3));
             consume_next();
         }
         leave_loop();
@@ -522,13 +515,13 @@ Cell stmt_for_in(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_while(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) != 2) MER_raise(1004, "_while");
+    if (MEV_nargs(e) != 2) MER_raise(1004, "_while");
     clear_last_value();
     while (!MEV_control) {
-        const int b = MEV_bool(arg(e, 1));
+        const int b = MEV_bool(MEV_arg(e, 1));
         if (b == MMM_BOOL_FALSE) break;
         if (b != MMM_BOOL_TRUE) MER_raise(1043, "_while");
-        MEV_exec(arg(e, 2));
+        MEV_exec(MEV_arg(e, 2));
         consume_next();
     }
     leave_loop();
@@ -538,13 +531,13 @@ Cell stmt_while(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_repeat(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) != 2) MER_raise(1004, "_repeat");
+    if (MEV_nargs(e) != 2) MER_raise(1004, "_repeat");
     clear_last_value();
     while (!MEV_control) {
-        MEV_exec(arg(e, 1));
+        MEV_exec(MEV_arg(e, 1));
         consume_next();
         if (MEV_control) break;
-        const int b = MEV_bool(arg(e, 2));
+        const int b = MEV_bool(MEV_arg(e, 2));
         if (b == MMM_BOOL_TRUE) break;
         if (b != MMM_BOOL_FALSE) MER_raise(1043, "_repeat");
     }
@@ -555,10 +548,10 @@ Cell stmt_repeat(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_transfer(Cell e, int context, unsigned flags, int control) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (nargs(e) > 1) MER_raise(1004, name_of(e).c_str());
-    if (nargs(e) == 1) {
+    if (MEV_nargs(e) > 1) MER_raise(1004, name_of(e).c_str());
+    if (MEV_nargs(e) == 1) {
         // The count is checked; one loop is left whatever it says.
-        Cell n = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+        Cell n = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
         const bool ok = MMM_category(n) == DOM_INT && MAR_small_int(n) != 0;
         MMM_release(n);
         if (!ok) MER_raise(1013, name_of(e).c_str());
@@ -567,7 +560,7 @@ Cell stmt_transfer(Cell e, int context, unsigned flags, int control) {
     MEV_control_count = 1;
     if (context == MEV_CONTEXT_STATEMENT) return nullptr;
     MEV_check_legal(context, MMM_NULL);
-    return retained(MMM_NULL);
+    return MMM_retained(MMM_NULL);
 }
 
 Cell stmt_next(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, 3); }
@@ -584,15 +577,15 @@ Cell stmt_quit(Cell e, int context, unsigned flags, Cell) {
 // return(x): evaluated by the front; ends the running sequence.
 Cell builtin_return(Cell e, int, unsigned, Cell) {
     Cell v;
-    if (nargs(e) == 0) {
-        v = retained(MMM_NULL);
-    } else if (nargs(e) == 1) {
-        v = retained(arg(e, 1));
+    if (MEV_nargs(e) == 0) {
+        v = MMM_retained(MMM_NULL);
+    } else if (MEV_nargs(e) == 1) {
+        v = MMM_retained(MEV_arg(e, 1));
     } else {
-        v = retained(e);
+        v = MMM_retained(e);
         MMM_clone(&v);
         MMM_release(MMM_children(v)[0]);
-        MMM_children(v)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+        MMM_children(v)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
         MMM_sign(v);
     }
     MEV_control = 1;
@@ -604,7 +597,7 @@ Cell stmt_delete(Cell e, int context, unsigned flags, unsigned set_flags) {
     Cell out;
     if (opening(e, flags, &out)) return out;
     for (long i = 1; i < MMM_child_count(e); ++i) {
-        Cell x = arg(e, i);
+        Cell x = MEV_arg(e, i);
         if (is_call_of(x, MFN_ID_INDEX)) assign_index(x, nullptr, set_flags);
         else if (MMM_category(x) == DOM_IDENT) MMM_release(MMM_set_value(x, nullptr, set_flags | MMM_SET_NIL_DELETES, MEV_current_frame));
         else if (MMM_category(x) == DOM_VAR) assign_variable(x, MMM_NIL, set_flags);
@@ -623,8 +616,8 @@ Cell stmt_save(Cell e, int context, unsigned flags, Cell) {
     if (opening(e, flags, &out)) return out;
     if (!MEV_frame) MER_raise(1037, nullptr);
     for (long i = 1; i < MMM_child_count(e); ++i)
-        if (MMM_category(arg(e, i)) != DOM_IDENT) MER_raise(1005, "_save");
-    for (long i = 1; i < MMM_child_count(e); ++i) MEV_frame_save(arg(e, i));
+        if (MMM_category(MEV_arg(e, i)) != DOM_IDENT) MER_raise(1005, "_save");
+    for (long i = 1; i < MMM_child_count(e); ++i) MEV_frame_save(MEV_arg(e, i));
     return closing(context);
 }
 
@@ -658,9 +651,9 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
         throw;
     }
     restore();
-    if (results.empty()) return retained(MMM_NULL);
+    if (results.empty()) return MMM_retained(MMM_NULL);
     Cell s = MMM_make_expr(long(results.size()) + 1);
-    MMM_children(s)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    MMM_children(s)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
     for (size_t i = 0; i < results.size(); ++i) MMM_children(s)[i + 1] = results[i];
     MMM_sign(s);
     return s;
@@ -669,14 +662,14 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
 // The values a..b (or a..b step s) of a range.
 std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<Cell>& owned) {
     std::vector<Cell> out;
-    if (!is_call_of(range, MFN_ID_RANGE) || nargs(range) != 2) MER_raise(1016, nullptr);
-    Cell lo = retained(arg(range, 1)), hi = retained(arg(range, 2));
+    if (!is_call_of(range, MFN_ID_RANGE) || MEV_nargs(range) != 2) MER_raise(1016, nullptr);
+    Cell lo = MMM_retained(MEV_arg(range, 1)), hi = MMM_retained(MEV_arg(range, 2));
     if (!is_real(lo) || !is_real(hi)) {
         MMM_release(lo);
         MMM_release(hi);
         MER_raise(1006, nullptr);
     }
-    Cell step = retained(step_value ? step_value : MAR_ONE);
+    Cell step = MMM_retained(step_value ? step_value : MAR_ONE);
     if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) {
         MMM_release(lo);
         MMM_release(hi);
@@ -703,25 +696,25 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
     std::vector<Cell> owned;
     Cell result = nullptr;
     try {
-        if (nargs(e) == 1) {
-            Cell r = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+        if (MEV_nargs(e) == 1) {
+            Cell r = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
             try {
                 std::vector<Cell> values = range_values(r, nullptr, owned);
                 MMM_release(r);
                 result = MMM_make_expr(long(values.size()) + 1);
-                MMM_children(result)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-                for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = retained(values[i]);
+                MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+                for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = MMM_retained(values[i]);
                 MMM_sign(result);
                 if (values.empty()) {
                     MMM_release(result);
-                    result = retained(MMM_NULL);
+                    result = MMM_retained(MMM_NULL);
                 }
             } catch (...) {
                 MMM_release(r);
                 throw;
             }
-        } else if (nargs(e) == 2) {
-            Cell n = MEV_eval(arg(e, 2), MEV_CONTEXT_ARGUMENT, 0);
+        } else if (MEV_nargs(e) == 2) {
+            Cell n = MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0);
             if (MMM_category(n) != DOM_INT) {
                 const bool big = MMM_category(n) == CAT_BIG_INT;
                 MMM_release(n);
@@ -729,15 +722,15 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
             }
             const long count = MAR_small_int(n);
             MMM_release(n);
-            if (count <= 0) return retained(MMM_NULL);
+            if (count <= 0) return MMM_retained(MMM_NULL);
             result = MMM_make_expr(count + 1);
-            MMM_children(result)[0] = retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+            MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
             for (long i = 1; i <= count; ++i) MMM_children(result)[i] = nullptr;
-            for (long i = 1; i <= count; ++i) MMM_children(result)[i] = MEV_eval(arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+            for (long i = 1; i <= count; ++i) MMM_children(result)[i] = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
             MMM_sign(result);
-        } else if (nargs(e) == 3 || nargs(e) == 4) {
-            Cell r = MEV_eval(arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
-            Cell s = nargs(e) == 4 ? MEV_eval(arg(e, 4), MEV_CONTEXT_ARGUMENT, 0) : nullptr;
+        } else if (MEV_nargs(e) == 3 || MEV_nargs(e) == 4) {
+            Cell r = MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
+            Cell s = MEV_nargs(e) == 4 ? MEV_eval(MEV_arg(e, 4), MEV_CONTEXT_ARGUMENT, 0) : nullptr;
             std::vector<Cell> values;
             try {
                 values = range_values(r, s, owned);
@@ -748,8 +741,8 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
             }
             MMM_release(r);
             MMM_release(s);
-            check_loop_variable(arg(e, 2));
-            result = sequence_over(arg(e, 1), arg(e, 2), values);
+            check_loop_variable(MEV_arg(e, 2));
+            result = sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), values);
         } else {
             MER_raise(1004, name_of(e).c_str());
         }
@@ -762,12 +755,12 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
 }
 
 Cell builtin_seqin(Cell e, int, unsigned, Cell) {
-    if (nargs(e) != 3) MER_raise(1004, "_seqin");
-    check_loop_variable(arg(e, 2));
-    Cell container = MEV_eval(arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
+    if (MEV_nargs(e) != 3) MER_raise(1004, "_seqin");
+    check_loop_variable(MEV_arg(e, 2));
+    Cell container = MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
     Cell result;
     try {
-        result = sequence_over(arg(e, 1), arg(e, 2), members(container));
+        result = sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), members(container));
     } catch (...) {
         MMM_release(container);
         throw;
@@ -786,18 +779,18 @@ int truth_of(Cell v) {
 }
 
 Cell bool_cell(int b) {
-    return retained(b == MMM_BOOL_TRUE ? MMM_TRUE : b == MMM_BOOL_FALSE ? MMM_FALSE : MMM_UNKNOWN);
+    return MMM_retained(b == MMM_BOOL_TRUE ? MMM_TRUE : b == MMM_BOOL_FALSE ? MMM_FALSE : MMM_UNKNOWN);
 }
 
 Cell builtin_not(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 1);
-    switch (truth_of(arg(e, 1))) {
-    case MMM_BOOL_TRUE: return retained(MMM_FALSE);
-    case MMM_BOOL_FALSE: return retained(MMM_TRUE);
-    case MMM_BOOL_UNKNOWN: return retained(MMM_UNKNOWN);
+    switch (truth_of(MEV_arg(e, 1))) {
+    case MMM_BOOL_TRUE: return MMM_retained(MMM_FALSE);
+    case MMM_BOOL_FALSE: return MMM_retained(MMM_TRUE);
+    case MMM_BOOL_UNKNOWN: return MMM_retained(MMM_UNKNOWN);
     default:
-        MEV_check_legal(MFN_ID_OR, arg(e, 1));
-        return retained(e);
+        MEV_check_legal(MFN_ID_OR, MEV_arg(e, 1));
+        return MMM_retained(e);
     }
 }
 
@@ -809,7 +802,7 @@ Cell lazy(Cell e, int context, unsigned flags, bool is_and) {
     int result = is_and ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
     std::vector<Cell> symbolic;
     for (long i = 1; i < MMM_child_count(e); ++i) {
-        Cell v = MEV_eval(arg(e, i), is_and ? MFN_ID_AND : MFN_ID_OR, 0);
+        Cell v = MEV_eval(MEV_arg(e, i), is_and ? MFN_ID_AND : MFN_ID_OR, 0);
         const int b = truth_of(v);
         if (b == stop) {
             MMM_release(v);
@@ -823,10 +816,10 @@ Cell lazy(Cell e, int context, unsigned flags, bool is_and) {
     }
     if (symbolic.empty()) return bool_cell(result);
     std::vector<Cell> ops = symbolic;
-    if (result == MMM_BOOL_UNKNOWN) ops.push_back(retained(MMM_UNKNOWN));
+    if (result == MMM_BOOL_UNKNOWN) ops.push_back(MMM_retained(MMM_UNKNOWN));
     if (ops.size() == 1) return ops[0];
     Cell r = MMM_make_expr(long(ops.size()) + 1);
-    MMM_children(r)[0] = retained(MMM_ident_by_id(is_and ? MFN_ID_AND : MFN_ID_OR));
+    MMM_children(r)[0] = MMM_retained(MMM_ident_by_id(is_and ? MFN_ID_AND : MFN_ID_OR));
     for (size_t i = 0; i < ops.size(); ++i) MMM_children(r)[i + 1] = ops[i];
     MMM_sign(r);
     return r;
@@ -844,8 +837,8 @@ Cell builtin_and_or(Cell e, int context, unsigned, Cell) {
 // A decision for the relations that stay unevaluated: numbers compare, other values are
 // equal only when they are the same value.
 int decide_relation(Cell v) {
-    if (MMM_category(v) != DOM_EXPR || nargs(v) != 2) return 0;
-    Cell op = MMM_child(v, 0), a = arg(v, 1), b = arg(v, 2);
+    if (MMM_category(v) != DOM_EXPR || MEV_nargs(v) != 2) return 0;
+    Cell op = MMM_child(v, 0), a = MEV_arg(v, 1), b = MEV_arg(v, 2);
     const bool eq = op == MMM_ident_by_id(MFN_ID_EQUAL), ne = op == MMM_ident_by_id(MFN_ID_UNEQUAL);
     if (eq || ne) {
         const bool same = MCM_equal(a, b);
@@ -871,19 +864,19 @@ int decide_relation(Cell v) {
 // character, tables by key, arrays by their indices; anything else, a key a table lacks,
 // an unset array entry or a symbolic position stays as the call.
 Cell builtin_index(Cell e, int, unsigned, Cell) {
-    if (nargs(e) < 2) MER_raise(1004, "_index");
-    Cell c = arg(e, 1);
+    if (MEV_nargs(e) < 2) MER_raise(1004, "_index");
+    Cell c = MEV_arg(e, 1);
     const int cat = MMM_category(c);
     if (cat == DOM_TABLE) {
         Cell found = nullptr;
-        if (MMM_table_lookup(MMM_child(c, 0), e, 2, &found) && found) return retained(found);
-        return retained(e);
+        if (MMM_table_lookup(MMM_child(c, 0), e, 2, &found) && found) return MMM_retained(found);
+        return MMM_retained(e);
     }
     if (cat == DOM_ARRAY) return MEV_array_read(e);
-    if ((cat != DOM_LIST && cat != DOM_STRING) || nargs(e) != 2) return retained(e);
+    if ((cat != DOM_LIST && cat != DOM_STRING) || MEV_nargs(e) != 2) return MMM_retained(e);
     const std::string_view text = cat == DOM_STRING ? MMM_string_view(MMM_child(c, 0)) : std::string_view();
     const long n = cat == DOM_LIST ? MMM_child_count(c) : long(text.size());
-    Cell i = arg(e, 2);
+    Cell i = MEV_arg(e, 2);
     auto symbolic = [](Cell x) { return MMM_category(x) == DOM_IDENT || MMM_category(x) == DOM_EXPR; };
     // The position counted from 1, a negative one from the end.
     auto from_end = [&](Cell x) -> long {
@@ -896,24 +889,24 @@ Cell builtin_index(Cell e, int, unsigned, Cell) {
         if (k < 1 || k > n) MER_raise(1022, nullptr);
         return k;
     };
-    if (is_call_of(i, MFN_ID_RANGE) && nargs(i) == 2) {
-        if (symbolic(arg(i, 1)) || symbolic(arg(i, 2))) return retained(e);
+    if (is_call_of(i, MFN_ID_RANGE) && MEV_nargs(i) == 2) {
+        if (symbolic(MEV_arg(i, 1)) || symbolic(MEV_arg(i, 2))) return MMM_retained(e);
         // An empty range is NULL wherever it lies; the bounds of another must be inside.
-        if (from_end(arg(i, 1)) > from_end(arg(i, 2))) return retained(MMM_NULL);
-        const long lo = position(arg(i, 1)), hi = position(arg(i, 2));
+        if (from_end(MEV_arg(i, 1)) > from_end(MEV_arg(i, 2))) return MMM_retained(MMM_NULL);
+        const long lo = position(MEV_arg(i, 1)), hi = position(MEV_arg(i, 2));
         if (cat == DOM_STRING) return MMM_make_string(text.substr(size_t(lo - 1), size_t(hi - lo + 1)));
         Cell l = MMM_make_list(hi - lo + 1);
-        for (long k = lo; k <= hi; ++k) MMM_children(l)[k - lo] = retained(MMM_child(c, k - 1));
+        for (long k = lo; k <= hi; ++k) MMM_children(l)[k - lo] = MMM_retained(MMM_child(c, k - 1));
         MMM_sign(l);
         return l;
     }
     if (MMM_category(i) != DOM_INT) {
-        if (symbolic(i)) return retained(e);
+        if (symbolic(i)) return MMM_retained(e);
         MER_raise(1023, nullptr);
     }
     const long k = position(i);
     if (cat == DOM_STRING) return MMM_make_string(text.substr(size_t(k - 1), 1));
-    return retained(MMM_child(c, k - 1));
+    return MMM_retained(MMM_child(c, k - 1));
 }
 
 }  // namespace

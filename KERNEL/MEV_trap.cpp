@@ -18,25 +18,6 @@ namespace {
 // outer ones by the clock itself.
 long active_deadline = 0;
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-long nargs(Cell e) { return MMM_child_count(e) - 1; }
-
-bool held(Cell e, int context, unsigned flags, Cell* result) {
-    Cell x = retained(e);
-    bool done;
-    try {
-        done = MEV_check_hold(&x, context, flags, result, 100);
-    } catch (...) {
-        MMM_release(x);
-        throw;
-    }
-    MMM_release(x);
-    return done;
-}
 
 // The limit of one timed traperror, from its start to its end.
 struct TimeLimit {
@@ -75,10 +56,10 @@ struct TimeLimit {
 // else the error's number; the settings of the snapshot come back after an error.
 Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
     Cell result = nullptr;
-    if (held(e, context, flags, &result)) return result;
+    if (MEV_held(e, context, flags, &result)) return result;
     MEV_need_args(e, 1, 2);
     long seconds = 0;
-    if (nargs(e) == 2) {
+    if (MEV_nargs(e) == 2) {
         Cell s = MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0);
         const bool ok = MMM_is_node(s, DOM_INT) && MAR_small_int(s) > 0;
         if (ok) seconds = MAR_small_int(s);
@@ -87,7 +68,7 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
     }
 
     const int32_t call_depth = MEV_call_depth, depth = MEV_depth;
-    Cell frame = retained(MEV_frame);
+    Cell frame = MMM_retained(MEV_frame);
     const bool trapped = MER_trapped;
     TimeLimit limit;
     if (seconds) limit.start(seconds);
@@ -136,7 +117,7 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
 // The message of error() and warning(): one string, cut to 297 bytes and "..." beyond
 // 300, with the running procedure's name in brackets.
 std::string message_of(Cell e, const char* name) {
-    if (nargs(e) != 1) MER_raise(1004, name);
+    if (MEV_nargs(e) != 1) MER_raise(1004, name);
     Cell m = MMM_child(e, 1);
     if (!MMM_is_node(m, DOM_STRING)) MER_raise(1005, name);
     std::string text(MMM_string_view(MMM_child(m, 0)));
@@ -150,20 +131,20 @@ Cell builtin_error(Cell e, int, unsigned, Cell) { MER_raise(1028, message_of(e, 
 
 Cell builtin_warning(Cell e, int, unsigned, Cell) {
     MER_warn(-1005, message_of(e, "warning").c_str());
-    return retained(MMM_NULL);
+    return MMM_retained(MMM_NULL);
 }
 
 // lasterror(): the last error once more, and the computation stops. Before any error
 // there is nothing to repeat, and the call gives NULL.
 Cell builtin_lasterror(Cell e, int, unsigned, Cell) {
-    if (nargs(e) != 0) MER_raise(1004, "lasterror");
-    if (!MER_last) return retained(MMM_NULL);
+    if (MEV_nargs(e) != 0) MER_raise(1004, "lasterror");
+    if (!MER_last) return MMM_retained(MMM_NULL);
     MER_raise(1400, nullptr);
 }
 
 // getlasterror(): [number, message] of the last error; [0, ""] before any.
 Cell builtin_getlasterror(Cell e, int, unsigned, Cell) {
-    if (nargs(e) != 0) MER_raise(1004, "getlasterror");
+    if (MEV_nargs(e) != 0) MER_raise(1004, "getlasterror");
     Cell number = MAR_from_long(MER_last);
     Cell text = MMM_make_string(MER_last_text);
     Cell l = MMM_make_list(2);

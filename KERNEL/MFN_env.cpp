@@ -67,19 +67,14 @@ Cell make_exec(Cell c0, Cell c1, Cell c2, Cell c3) {
     return e;
 }
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
 Cell make_env(const MFN_record* r) {
     Cell name = MMM_string_value(r->name);
     Cell numeric = MMM_NIL;
     if (r->kind == MFN_MATH) numeric = code_cell_for(nullptr, MFN_numeric_code(r), MFN_numeric_routine(r));
-    Cell evaluator = make_exec(retained(code_cell_for(r, r->code, r->routine)), retained(numeric), retained(name),
-                               retained(MMM_NIL));
-    Cell printer = make_exec(retained(code_cell_for(nullptr, MFN_print_code(r), nullptr)), int_cell(MFN_priority(r)),
-                             string_or_nil(MFN_print_text(r)), retained(name));
+    Cell evaluator = make_exec(MMM_retained(code_cell_for(r, r->code, r->routine)), MMM_retained(numeric), MMM_retained(name),
+                               MMM_retained(MMM_NIL));
+    Cell printer = make_exec(MMM_retained(code_cell_for(nullptr, MFN_print_code(r), nullptr)), int_cell(MFN_priority(r)),
+                             string_or_nil(MFN_print_text(r)), MMM_retained(name));
     Cell attributes = MMM_make_table(1);
     Cell type_key = MMM_string_value("type");
     MMM_table_set(&MMM_children(attributes)[0], type_key, name);
@@ -155,13 +150,13 @@ void MFN_start() {
     kept_names = MMM_new_cleared(MMM_VECTOR, 0, 7);
     MMM_sign(kept_names);
     const char* kept[] = {"PolyExpr", "RatExpr", "All", "stdlib", "Global"};
-    for (int i = 0; i < 5; ++i) MMM_children(kept_names)[i] = retained(MMM_intern(kept[i]));
+    for (int i = 0; i < 5; ++i) MMM_children(kept_names)[i] = MMM_retained(MMM_intern(kept[i]));
     MMM_children(kept_names)[5] = MMM_ident_named("stdlib");
     MMM_children(kept_names)[6] = MMM_ident_named("Global");
 
     names = MMM_new_cleared(MMM_ID_TABLE, 0, MFN_ID_COUNT);
     envs = MMM_new_cleared(MMM_ID_TABLE, 0, MFN_ID_COUNT);
-    for (const MFN_record* r : MFN_records()) MMM_children(names)[r->id] = retained(MMM_intern(r->name));
+    for (const MFN_record* r : MFN_records()) MMM_children(names)[r->id] = MMM_retained(MMM_intern(r->name));
     fronts.clear();
     for (const MFN_record* r : MFN_records()) {
         Cell env = make_env(r);

@@ -76,6 +76,12 @@ inline void MMM_retain(Cell c) {
     if (c) ++c->refcount;
 }
 
+// The cell with one more count: for handing a borrowed cell on as an owned one.
+inline Cell MMM_retained(Cell c) {
+    MMM_retain(c);
+    return c;
+}
+
 // Zero is never stepped below: releasing a cell whose count already reads 0 does nothing.
 inline void MMM_release(Cell c) {
     if (c && c->refcount && --c->refcount == 0) MMM_release_walk(c);

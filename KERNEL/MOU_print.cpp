@@ -53,11 +53,6 @@ struct Owned {
     }
 };
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
 int masked(int context) {
     context &= ~MOU_MARK_MASK;
     return context == MOU_ATOM ? 0 : context;
@@ -211,7 +206,7 @@ void resolve(Cell expr, Printer& p) {
         else MMM_release(v);
         break;
     }
-    case DOM_FUNC_ENV: env = retained(head); break;
+    case DOM_FUNC_ENV: env = MMM_retained(head); break;
     case DOM_EXPR: {
         if (!MOU_hooks.eval) return;
         // A failure counts as no value, and says nothing.
@@ -281,8 +276,8 @@ bool is_negative(Cell x, int depth = 0) {
 // An expression like `e` with the operands given; signed.
 Cell rebuild(Cell e, const std::vector<Cell>& ops) {
     Cell r = MMM_make_expr(long(ops.size()) + 1);
-    MMM_children(r)[0] = retained(MMM_child(e, 0));
-    for (size_t i = 0; i < ops.size(); ++i) MMM_children(r)[i + 1] = retained(ops[i]);
+    MMM_children(r)[0] = MMM_retained(MMM_child(e, 0));
+    for (size_t i = 0; i < ops.size(); ++i) MMM_children(r)[i + 1] = MMM_retained(ops[i]);
     MMM_sign(r);
     return r;
 }
@@ -290,7 +285,7 @@ Cell rebuild(Cell e, const std::vector<Cell>& ops) {
 // The negation of a value for which is_negative holds (new reference).
 Cell negated(Cell x) {
     if (is_number(x)) return MAR_negate(x);
-    if (is_call_of(x, MFN_ID_NEGATE)) return retained(operand(x, 1));
+    if (is_call_of(x, MFN_ID_NEGATE)) return MMM_retained(operand(x, 1));
     if (is_call_of(x, MFN_ID_PLUS)) {
         std::vector<Cell> ops;
         for (long i = 1; i <= nops(x); ++i) ops.push_back(negated(operand(x, i)));
@@ -306,7 +301,7 @@ Cell negated(Cell x) {
         if (i != k) ops.push_back(operand(x, i));
         else if (!MCM_equal(factor.c, MAR_ONE)) ops.push_back(factor.c);
     }
-    if (ops.size() == 1) return retained(ops[0]);
+    if (ops.size() == 1) return MMM_retained(ops[0]);
     return rebuild(x, ops);
 }
 
@@ -317,7 +312,7 @@ bool is_inverted(Cell x) {
 
 Cell reciprocal(Cell x) {
     Owned exponent(MAR_negate(operand(x, 2)));
-    if (MCM_equal(exponent.c, MAR_ONE)) return retained(operand(x, 1));
+    if (MCM_equal(exponent.c, MAR_ONE)) return MMM_retained(operand(x, 1));
     return rebuild(x, {operand(x, 1), exponent.c});
 }
 
@@ -835,7 +830,7 @@ Cell ordered_sum(Cell e) {
     long first = 0;
     for (long i = 1; i <= nops(e) && !first; ++i)
         if (!is_negative(operand(e, i))) first = i;
-    if (first <= 1) return retained(e);
+    if (first <= 1) return MMM_retained(e);
     std::vector<Cell> ops;
     for (long i = 1; i <= nops(e); ++i) ops.push_back(operand(e, i));
     std::swap(ops[0], ops[size_t(first - 1)]);
@@ -844,7 +839,7 @@ Cell ordered_sum(Cell e) {
 
 void print_sum(Cell e, int p, Cell sep, const std::string& text, int context) {
     const bool sort = MOU_keep_order == 0 || (MOU_keep_order == 1 && !MOU_in_method);
-    Owned sum(sort ? ordered_sum(e) : retained(e));
+    Owned sum(sort ? ordered_sum(e) : MMM_retained(e));
     write_separator(sep);
     const bool parens = p <= masked(context);
     open_paren(parens);

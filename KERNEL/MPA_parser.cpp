@@ -59,12 +59,7 @@ Cell call_named(const char* name, const std::vector<Cell>& operands) {
     return make_call(MMM_ident_named(name), operands);
 }
 
-Cell retained(Cell c) {
-    MMM_retain(c);
-    return c;
-}
-
-Cell nil() { return retained(MMM_NIL); }
+Cell nil() { return MMM_retained(MMM_NIL); }
 
 bool is_call_of(Cell t, int id) {
     return t && MMM_is_node(t, DOM_EXPR) && MMM_child_count(t) >= 1 && MMM_child(t, 0) == MMM_ident_by_id(id);
@@ -206,12 +201,12 @@ Cell Parser::make_variable(int& level) {
     const std::string_view name = MMM_ident_text(id);
     if (name == "procname" && !r_.scope_params.empty()) {
         MMM_release(id);
-        return retained(MMM_var(0, 0));
+        return MMM_retained(MMM_var(0, 0));
     }
     if (name == "dom" && !r_.scope_params.empty()) {
         MMM_release(id);
         level = r_.proc_depth - 1 > 0 ? r_.proc_depth - 1 : 0;
-        return retained(MMM_var(0, 1));
+        return MMM_retained(MMM_var(0, 1));
     }
     // In an activation the locals come first, from index 2, and the parameters after
     // them; names are looked for among the parameters first.
@@ -227,16 +222,16 @@ Cell Parser::make_variable(int& level) {
         if (index >= 0) {
             MMM_release(id);
             level = depth;
-            return retained(MMM_var(depth, index));
+            return MMM_retained(MMM_var(depth, index));
         }
     }
     return id;
 }
 
 void Parser::push_scope(Cell params, Cell locals, Cell name) {
-    r_.scope_params.push_back(retained(params));
-    r_.scope_locals.push_back(retained(locals));
-    r_.scope_names.push_back(retained(name));
+    r_.scope_params.push_back(MMM_retained(params));
+    r_.scope_locals.push_back(MMM_retained(locals));
+    r_.scope_names.push_back(MMM_retained(name));
     ++r_.proc_depth;
 }
 
@@ -281,7 +276,7 @@ Cell Parser::statement(int& level, bool& assignable) {
         Cell s = sequence(level, assignable);
         assignable = false;
         std::vector<Cell> ops;
-        for (Cell x : items_of(s)) ops.push_back(retained(x));
+        for (Cell x : items_of(s)) ops.push_back(MMM_retained(x));
         MMM_release(s);
         return call(id, ops);
     }
@@ -353,13 +348,13 @@ Cell Parser::arrow_procedure(Cell params, int& level) {
     bool ok = true;
     auto take = [&](Cell p) {
         if (MMM_is_node(p, DOM_IDENT)) {
-            names.push_back(retained(p));
+            names.push_back(MMM_retained(p));
         } else if (MMM_is_node(p, DOM_VAR)) {
             const int depth = MMM_var_depth(p), index = MMM_var_index(p);
             const size_t s = r_.scope_params.size() - 1 - size_t(depth);
             std::vector<Cell> all = items_of(r_.scope_locals[s]);
             for (Cell p2 : items_of(r_.scope_params[s])) all.push_back(p2);
-            if (index >= 2 && size_t(index - 2) < all.size()) names.push_back(retained(all[size_t(index - 2)]));
+            if (index >= 2 && size_t(index - 2) < all.size()) names.push_back(MMM_retained(all[size_t(index - 2)]));
             else ok = false;
         } else {
             ok = false;
@@ -378,7 +373,7 @@ Cell Parser::arrow_procedure(Cell params, int& level) {
         int l = 0;
         bool a = false;
         MMM_release(arrow(l, a));
-        return retained(MMM_FAIL);
+        return MMM_retained(MMM_FAIL);
     }
     Cell plist = list_or_single(names);
     push_scope(plist, MMM_NIL, MMM_NIL);
@@ -390,7 +385,7 @@ Cell Parser::arrow_procedure(Cell params, int& level) {
     r_.in_body = in_body;
     pop_scope();
     Cell tree = call(MFN_ID_PROCDEF, {plist, nil(), MMM_ident_named("arrow"), body, nil(), nil(), nil(), nil(),
-                                      nil(), nil(), retained(MMM_FAIL), nil()});
+                                      nil(), nil(), MMM_retained(MMM_FAIL), nil()});
     const int up = body_level - 1;
     if (up > level) level = up;
     return finish_procdef(tree, 0, body_level, nullptr);
@@ -575,7 +570,7 @@ Cell Parser::operator_expr(int min_priority, int& level, bool& assignable) {
     std::vector<Cell> acc;
     auto close = [&]() {
         if (!head) return;
-        left = make_call(retained(head), acc);
+        left = make_call(MMM_retained(head), acc);
         acc.clear();
         head = nullptr;
     };
@@ -594,7 +589,7 @@ Cell Parser::operator_expr(int min_priority, int& level, bool& assignable) {
                 acc.push_back(right);
             } else {
                 if (head) {
-                    left = make_call(retained(head), acc);
+                    left = make_call(MMM_retained(head), acc);
                     acc.clear();
                 }
                 acc = {left, right};
@@ -695,7 +690,7 @@ Cell Parser::frame_path(Cell start) {
             advance();
         } else if (at(TK_RANGE)) {
             advance();
-            tree = call(MFN_ID_SLOT, {tree, retained(dots_string)});
+            tree = call(MFN_ID_SLOT, {tree, MMM_retained(dots_string)});
         } else {
             expect(TK_STRING);
             tree = call(MFN_ID_SLOT, {tree, MMM_make_string("<error>")});
@@ -738,7 +733,7 @@ Cell Parser::if_rule(int& level) {
 Cell Parser::eval_condition(Cell cond) {
     Cell v = nullptr;
     try {
-        v = MPA_hooks.eval ? MPA_hooks.eval(cond) : retained(cond);
+        v = MPA_hooks.eval ? MPA_hooks.eval(cond) : MMM_retained(cond);
     } catch (const MER_exception&) {
         MER_pending = 0;
         v = nullptr;
@@ -746,7 +741,7 @@ Cell Parser::eval_condition(Cell cond) {
     if (v != MMM_TRUE && v != MMM_FALSE) {
         r_.report(1003);
         MMM_release(v);
-        return retained(MMM_FALSE);
+        return MMM_retained(MMM_FALSE);
     }
     return v;
 }
@@ -829,7 +824,7 @@ Cell Parser::for_rule(int& level) {
         if (l > level) level = l;
     } else {
         expect(TK_IDENT);
-        var = retained(MMM_FAIL);
+        var = MMM_retained(MMM_FAIL);
     }
     Cell tree;
     {
@@ -1044,7 +1039,7 @@ Cell Parser::proc_rule(int& level) {
                      {plist, llist, list_or_single(options), body, name ? name : nil(),
                       opt_list(param_types, any_param_type), return_type ? return_type : nil(),
                       opt_list(local_types, any_local_type), opt_list(defaults, any_default), list_or_single(saves),
-                      retained(MMM_FAIL), nil()});
+                      MMM_retained(MMM_FAIL), nil()});
     const int up = body_level - 1 > header_level ? body_level - 1 : header_level;
     if (up > level) level = up;
     return finish_procdef(tree, header_level, body_level, name);
@@ -1118,7 +1113,7 @@ Cell Parser::constructor_rule(int& level) {
                 int l2 = 0;
                 bool a = false;
                 Cell x = sequence(l2, a);
-                for (Cell c : items_of(x)) (is_category ? categories : axioms).push_back(retained(c));
+                for (Cell c : items_of(x)) (is_category ? categories : axioms).push_back(MMM_retained(c));
                 MMM_release(x);
             } else if (at(TK_IDENT)) {
                 if (which == TK_AXIOM) r_.report(2003, "identifier");
@@ -1151,8 +1146,8 @@ Cell Parser::constructor_rule(int& level) {
         pop_scope();
         MMM_release(proc);
         Cell options = call(MFN_ID_EXPRSEQ, {MMM_ident_named("escape"), MMM_ident_named("noDebug")});
-        Cell tree = call(MFN_ID_PROCDEF, {plist, llist, options, body, retained(name), nil(), nil(), nil(), nil(),
-                                          nil(), retained(MMM_FAIL), nil()});
+        Cell tree = call(MFN_ID_PROCDEF, {plist, llist, options, body, MMM_retained(name), nil(), nil(), nil(), nil(),
+                                          nil(), MMM_retained(MMM_FAIL), nil()});
         proc = finish_procdef(tree, 0, body_level, name);
         if (!proc) proc = nil();
         const int up = body_level - 1;
@@ -1168,7 +1163,7 @@ Cell Parser::constructor_rule(int& level) {
         MMM_sign(l);
         return l;
     };
-    std::vector<Cell> ops = {proc, retained(parens ? MMM_TRUE : MMM_FALSE)};
+    std::vector<Cell> ops = {proc, MMM_retained(parens ? MMM_TRUE : MMM_FALSE)};
     if (which != TK_AXIOM) {
         ops.push_back(list_of(categories));
         ops.push_back(list_of(axioms));
@@ -1216,7 +1211,7 @@ Cell Parser::primary(int& level, bool& assignable) {
         expect(')');
         if (tree == MMM_NIL) {
             MMM_release(tree);
-            tree = retained(MMM_NULL);
+            tree = MMM_retained(MMM_NULL);
         }
         assignable = scoped = true;
         break;
@@ -1266,7 +1261,7 @@ Cell Parser::primary(int& level, bool& assignable) {
             assignable = true;
         } else {
             expect(TK_EXPRESSION);
-            tree = retained(MMM_FAIL);
+            tree = MMM_retained(MMM_FAIL);
         }
         break;
     }
@@ -1280,21 +1275,21 @@ Cell Parser::primary(int& level, bool& assignable) {
         tree = frame_path(call(MFN_ID_ROOT_FRAME, {}));
         assignable = true;
         break;
-    case TK_NIL: advance(); tree = retained(MMM_NIL); break;
-    case TK_FAIL: advance(); tree = retained(MMM_FAIL); break;
-    case TK_TRUE: advance(); tree = retained(MMM_TRUE); break;
-    case TK_FALSE: advance(); tree = retained(MMM_FALSE); break;
-    case TK_UNKNOWN: advance(); tree = retained(MMM_UNKNOWN); break;
-    case TK_I: advance(); tree = retained(MAR_I); break;
-    case TK_RD_INF: advance(); tree = retained(RD_INF); break;
-    case TK_RD_NINF: advance(); tree = retained(RD_NINF); break;
-    case TK_RD_NAN: advance(); tree = retained(RD_NAN); break;
+    case TK_NIL: advance(); tree = MMM_retained(MMM_NIL); break;
+    case TK_FAIL: advance(); tree = MMM_retained(MMM_FAIL); break;
+    case TK_TRUE: advance(); tree = MMM_retained(MMM_TRUE); break;
+    case TK_FALSE: advance(); tree = MMM_retained(MMM_FALSE); break;
+    case TK_UNKNOWN: advance(); tree = MMM_retained(MMM_UNKNOWN); break;
+    case TK_I: advance(); tree = MMM_retained(MAR_I); break;
+    case TK_RD_INF: advance(); tree = MMM_retained(RD_INF); break;
+    case TK_RD_NINF: advance(); tree = MMM_retained(RD_NINF); break;
+    case TK_RD_NAN: advance(); tree = MMM_retained(RD_NAN); break;
     case TK_NEXT: advance(); tree = call(MFN_ID_NEXT, {}); break;
     case TK_BREAK: advance(); tree = call(MFN_ID_BREAK, {}); break;
     case TK_QUIT: advance(); tree = call(MFN_ID_QUIT, {}); break;
     case '%': {
         advance();
-        Cell n = at(TK_INTEGER) ? number_token(false) : retained(MAR_ONE);
+        Cell n = at(TK_INTEGER) ? number_token(false) : MMM_retained(MAR_ONE);
         tree = call(MFN_ID_LAST, {n});
         break;
     }
@@ -1311,7 +1306,7 @@ Cell Parser::primary(int& level, bool& assignable) {
     default:
         // No primary starts here: "'expression' expected", and FAIL stands in for it.
         expect(TK_EXPRESSION);
-        return retained(MMM_FAIL);
+        return MMM_retained(MMM_FAIL);
     }
     if (scoped) {
         while (at(TK_SCOPE)) {
@@ -1321,7 +1316,7 @@ Cell Parser::primary(int& level, bool& assignable) {
                 advance();
             } else if (at(TK_RANGE)) {
                 advance();
-                tree = call(MFN_ID_SLOT, {tree, retained(dots_string)});
+                tree = call(MFN_ID_SLOT, {tree, MMM_retained(dots_string)});
             } else if (at(TK_IDENT)) {  // a quoted identifier after `::`
                 tree = call(MFN_ID_SLOT, {tree, MMM_make_string(MMM_ident_text(r_.tok.value))});
                 advance();
@@ -1375,7 +1370,7 @@ void Parser::input() {
                 MMM_release(r_.result_);
                 r_.result_ = v;
             } else {
-                collected.push_back(retained(s));
+                collected.push_back(MMM_retained(s));
             }
         }
         MMM_release(s);
@@ -1384,7 +1379,7 @@ void Parser::input() {
     }
     if (!r_.immediate()) {
         MMM_release(r_.result_);
-        r_.result_ = collected.empty() ? retained(MMM_NULL)
+        r_.result_ = collected.empty() ? MMM_retained(MMM_NULL)
                      : collected.size() == 1 ? collected[0]
                                              : call(MFN_ID_STMTSEQ, collected);
     }
