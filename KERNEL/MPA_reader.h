@@ -261,6 +261,9 @@ struct MPA_hooks_record {
 };
 extern MPA_hooks_record MPA_hooks;
 
+// The grammar over a reader whose lexical state is fresh: rule `input`.
+void MPA_parse_input(MPA_reader& reader);
+
 // Interns the names the parser compares by address; once, after the identifier table.
 void MPA_start();
 
