@@ -51,8 +51,7 @@ fuzz: fuzz-build
 	@$(FUZZ_BUILD)/parser_fuzz -max_total_time=$(FUZZ_SECONDS) $(FUZZ_BUILD)/corpus tests/fuzz/corpus
 
 bench: build
-	@$(BUILD)/bench/bench_heap
-	@$(BUILD)/bench/bench_kernel
+	@for b in bench_heap bench_kernel bench_proc bench_containers; do $(BUILD)/bench/$$b; done
 
 # The peer systems the comparison runs beside Torva (installed only on request).
 peers:
