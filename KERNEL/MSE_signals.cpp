@@ -42,13 +42,16 @@ void write_stderr(const char* text) {
 
 void on_interrupt(int) { MSE_session.interrupt_pending = 1; }
 
-void arm(long ms) {
-    itimerspec spec{};
-    spec.it_value.tv_sec = ms / 1000;
-    spec.it_value.tv_nsec = (ms % 1000) * 1000000L;
-    if (ms <= 0) spec.it_value.tv_nsec = 1;  // an expiry of zero would disarm the timer
-    timer_settime(watchdog_timer, 0, &spec, nullptr);
+// Sets a one-shot timer to expire in ms milliseconds.
+void arm_timer(timer_t timer, long ms) {
+    itimerspec when{};
+    when.it_value.tv_sec = ms / 1000;
+    when.it_value.tv_nsec = (ms % 1000) * 1000000L;
+    if (ms <= 0) when.it_value.tv_nsec = 1;  // an expiry of zero would disarm the timer
+    timer_settime(timer, 0, &when, nullptr);
 }
+
+void arm(long ms) { arm_timer(watchdog_timer, ms); }
 
 // The first expiry asks MSE_poll to stop the session. If nothing polls within the grace
 // period (the kernel waits for input, or is stuck in a long native computation), the
@@ -205,13 +208,8 @@ void MSE_time_limit_set(long deadline_ms) {
         time_limit_made = true;
     }
     time_limit_flag = 0;
-    itimerspec spec{};
     const long now = MSE_monotonic_ms();
-    const long ms = deadline_ms > now ? deadline_ms - now : 0;
-    spec.it_value.tv_sec = ms / 1000;
-    spec.it_value.tv_nsec = (ms % 1000) * 1000000L;
-    if (ms <= 0) spec.it_value.tv_nsec = 1;  // an expiry of zero would disarm the timer
-    timer_settime(time_limit_timer, 0, &spec, nullptr);
+    arm_timer(time_limit_timer, deadline_ms > now ? deadline_ms - now : 0);
 }
 
 void MSE_time_limit_cancel() {
