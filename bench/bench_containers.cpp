@@ -139,15 +139,3 @@ void BM_op_set_language_loop(benchmark::State& state) {
 BENCHMARK(BM_op_set_language_loop)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-// The session starts in main, after every static table of the kernel exists.
-int main(int argc, char** argv) {
-    std::string program = "bench_containers";
-    std::string lib = TORVA_LIBRARY_DIR;
-    std::vector<char*> args = {program.data(), const_cast<char*>("-f"), const_cast<char*>("-l"), lib.data()};
-    if (MSE_start(int(args.size()), args.data()) != MSE_RUNNING) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -116,15 +116,3 @@ void BM_eval_dispatch(benchmark::State& state) {
 BENCHMARK(BM_eval_dispatch);
 
 }  // namespace
-
-// The session starts in main, after every static table of the kernel exists.
-int main(int argc, char** argv) {
-    std::string program = "bench_kernel";
-    std::string lib = TORVA_LIBRARY_DIR;
-    std::vector<char*> args = {program.data(), const_cast<char*>("-f"), const_cast<char*>("-l"), lib.data()};
-    if (MSE_start(int(args.size()), args.data()) != MSE_RUNNING) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

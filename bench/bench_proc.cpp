@@ -67,15 +67,3 @@ void BM_local_list_fill(benchmark::State& state) {
 BENCHMARK(BM_local_list_fill)->Arg(10000)->Arg(100000)->Complexity(benchmark::oN)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-// The session starts in main, after every static table of the kernel exists.
-int main(int argc, char** argv) {
-    std::string program = "bench_proc";
-    std::string lib = TORVA_LIBRARY_DIR;
-    std::vector<char*> args = {program.data(), const_cast<char*>("-f"), const_cast<char*>("-l"), lib.data()};
-    if (MSE_start(int(args.size()), args.data()) != MSE_RUNNING) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -24,16 +24,11 @@
 #include "MMM_values.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
 
 constexpr int SYSORDER = 250;
-
-Cell parsed(std::string_view text) {
-    MPA_tree_reader r(text, false, 1);
-    r.run();
-    return r.take_result();
-}
 
 // Applies the bodies of the arithmetic operators and of sysorder from the leaves up.
 Cell apply(Cell t) {
@@ -64,7 +59,7 @@ Cell apply(Cell t) {
 
 // The canonical form of the text, or "Error N: message" when it raised.
 std::string canon(std::string_view text) {
-    Cell t = parsed(text);
+    Cell t = parse_text(text);
     if (!t) return "<syntax error>";
     const bool trapped = MER_trapped;
     MER_trapped = true;
@@ -142,12 +137,12 @@ TEST(SystemOrder, TotalOnMixedValues) {
                            "-1/2", "1.5", "2*I", "\"ab\"", "\"b\"", "TRUE", "FALSE", "NIL", "[1, 2]", "[2, 1]"};
     std::vector<Cell> v;
     for (const char* t : texts) {
-        Cell p = parsed(t);
+        Cell p = parse_text(t);
         v.push_back(apply(p));
         MMM_release(p);
     }
     for (size_t i = 0; i < v.size(); ++i) {
-        Cell p = parsed(texts[i]);
+        Cell p = parse_text(texts[i]);
         Cell again = apply(p);
         MMM_release(p);
         EXPECT_EQ(MCM_compare(v[i], again), 0) << texts[i] << " at two addresses";
@@ -173,7 +168,7 @@ TEST(SystemOrder, TablesAndSetsIgnoreInsertionOrder) {
     const char* elements[] = {"x", "2", "f(y)", "\"s\""};
     Cell a = MMM_make_set(4), b = MMM_make_set(4);
     for (int i = 0; i < 4; ++i) {
-        Cell e1 = parsed(elements[i]), e2 = parsed(elements[3 - i]);
+        Cell e1 = parse_text(elements[i]), e2 = parse_text(elements[3 - i]);
         MMM_table_add(&MMM_children(a)[0], e1, nullptr);
         MMM_table_add(&MMM_children(b)[0], e2, nullptr);
         MMM_release(e1);
@@ -184,7 +179,7 @@ TEST(SystemOrder, TablesAndSetsIgnoreInsertionOrder) {
     EXPECT_TRUE(MCM_equal(a, b));
     EXPECT_EQ(MCM_compare(a, b), 0);
     Cell c = MMM_make_set(1);
-    Cell e = parsed("x");
+    Cell e = parse_text("x");
     MMM_table_add(&MMM_children(c)[0], e, nullptr);
     MMM_sign(c);
     EXPECT_LT(MCM_compare(c, a), 0) << "fewer entries first";
@@ -217,7 +212,7 @@ std::string sorted_dump(bool reverse) {
     std::vector<Cell> junk, v;
     for (int i = 0; reverse && i < 500; ++i) junk.push_back(MMM_make_string(std::to_string(i)));
     for (const std::string& t : texts) {
-        Cell p = parsed(t);
+        Cell p = parse_text(t);
         v.push_back(apply(p));
         MMM_release(p);
     }
@@ -299,7 +294,7 @@ TEST(Canonical, SignsGoToTheCoefficient) {
     EXPECT_EQ(canon("(y - x)^2"), canon("(x - y)^2")) << "exactly one of s and -s looks negative";
     EXPECT_EQ(canon("(x - y)*(y - x)"), "_mult(_power(_plus(x, _mult(y, -1)), 2), -1)");
     EXPECT_EQ(canon("(y - x)*z"), canon("-(x - y)*z"));
-    Cell a = parsed("x - y"), b = parsed("y - x");
+    Cell a = parse_text("x - y"), b = parse_text("y - x");
     Cell ca = apply(a), cb = apply(b);
     EXPECT_NE(MAR_looks_negative(ca, true), MAR_looks_negative(cb, true));
     EXPECT_TRUE(MAR_looks_negative(ca, false)) << "a sum with a negative term looks negative, not deep";
@@ -393,7 +388,7 @@ TEST(Canonical, OperatorsKeepTheirCountsStraight) {
 
 TEST(Canonical, TheEvaluatorCallsTheBodies) {
     ASSERT_NE(MSE_frontend.eval, nullptr);
-    Cell t = parsed("c_x + c_x - 3*c_y/c_y");
+    Cell t = parse_text("c_x + c_x - 3*c_y/c_y");
     Cell v = MSE_frontend.eval(t);
     EXPECT_EQ(MPA_dump(v), "_plus(_mult(c_x, 2), -3)");
     MMM_release(v);

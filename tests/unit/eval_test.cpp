@@ -14,18 +14,13 @@
 #include "MMM_table.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
 
-Cell parsed(std::string_view text) {
-    MPA_tree_reader r(text, false, 1);
-    r.run();
-    return r.take_result();
-}
-
 // The value of a statement, dumped; "Error N: text" when it raised.
 std::string eval(std::string_view text) {
-    Cell t = parsed(text);
+    Cell t = parse_text(text);
     if (!t) return "<syntax error>";
     const bool trapped = MER_trapped;
     MER_trapped = true;
@@ -45,7 +40,7 @@ std::string eval(std::string_view text) {
 
 void set(const char* name, std::string_view value_text) {
     Cell id = MMM_ident_named(name);
-    Cell v = parsed(value_text);
+    Cell v = parse_text(value_text);
     MMM_release(MMM_set_value(id, v, 0, MEV_root_frame));
     MMM_release(v);
     MMM_release(id);
@@ -171,12 +166,12 @@ TEST(Eval, FunctionEnvironments) {
     EXPECT_EQ(MPA_dump(type), "\"_plus\"");
     MMM_release(key);
     EXPECT_EQ(MMM_protection(plus), 4) << "operators are bound at kernel protection";
-    Cell one = parsed("1");
+    Cell one = parse_text("1");
     EXPECT_THROW(MMM_set_value(plus, one, 4, MEV_root_frame), MER_exception);
     MER_pending = 0;
     MMM_release(one);
 
-    Cell same = parsed("funcenv(_plus)");
+    Cell same = parse_text("funcenv(_plus)");
     Cell v = MSE_frontend.eval(same);
     EXPECT_EQ(v, env) << "funcenv of an environment is that environment";
     MMM_release(v);
@@ -195,7 +190,7 @@ TEST(Eval, FunctionEnvironments) {
 }
 
 TEST(Eval, ConstantCallsAllocateNothing) {
-    Cell t = parsed("t_g(1, 2, 3)");
+    Cell t = parse_text("t_g(1, 2, 3)");
     Cell v = MSE_frontend.eval(t);  // the identifiers are made; now measure
     MMM_release(v);
     const uint64_t cells = MMM_live_cells();
@@ -207,7 +202,7 @@ TEST(Eval, ConstantCallsAllocateNothing) {
 }
 
 TEST(Eval, DeepExpressionsGiveAnErrorNotAStackOverflow) {
-    Cell e = parsed("x");
+    Cell e = parse_text("x");
     Cell neg = MMM_ident_by_id(27);
     for (int i = 0; i < 2000000; ++i) {
         Cell n = MMM_make_expr(2);

@@ -11,6 +11,7 @@
 #include "MMM_values.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
 
@@ -20,23 +21,6 @@ struct Parsed {
     bool incomplete = false;
     int errors = 0;
 };
-
-// Runs `f` with the session's output going to a string.
-template <typename F>
-std::string capture(F f) {
-    FILE* out = std::tmpfile();
-    FILE* saved = MSE_output;
-    MSE_output = out;
-    f();
-    MSE_output = saved;
-    std::rewind(out);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) text.append(buf, n);
-    std::fclose(out);
-    return text;
-}
 
 // The trees as the parser builds them: the procedure module's conversion of `_procdef`
 // trees into procedures is left out while a test reads.
@@ -50,7 +34,7 @@ Parsed parse(std::string_view text) {
     RawProcdef raw;
     Parsed p;
     MPA_tree_reader r(text, false, 1);
-    p.output = capture([&] { r.run(); });
+    p.output = capture_output([&] { r.run(); });
     p.incomplete = r.incomplete;
     p.errors = r.errors;
     if (Cell t = r.result()) p.tree = MPA_dump(t);
@@ -75,7 +59,7 @@ std::ostream& operator<<(std::ostream& os, const Token& t) { return os << t.kind
 std::vector<Token> tokens(std::string_view text, std::string* output = nullptr, bool* incomplete = nullptr) {
     MPA_tree_reader r(text, true, 1);
     std::vector<Token> out;
-    std::string printed = capture([&] {
+    std::string printed = capture_output([&] {
         for (;;) {
             const int k = r.next_token();
             Token t{k, ""};

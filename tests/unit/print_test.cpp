@@ -15,26 +15,9 @@
 #include "MOU_print.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
-
-// Runs `f` with the session's output going to a string.
-template <typename F>
-std::string capture(F f) {
-    FILE* out = std::tmpfile();
-    FILE* saved = MSE_output;
-    MSE_output = out;
-    f();
-    std::fflush(out);
-    MSE_output = saved;
-    std::rewind(out);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) text.append(buf, n);
-    std::fclose(out);
-    return text;
-}
 
 // The tree of a text, owned; null when the read failed. Procedures stay `_procdef` trees
 // (the procedure module's conversion is left out), so that the printer of trees is tested.
@@ -42,7 +25,7 @@ Cell parse(std::string_view text) {
     const auto procdef = MPA_hooks.procdef;
     MPA_hooks.procdef = nullptr;
     MPA_tree_reader r(text, false, 1);
-    const std::string out = capture([&] { r.run(); });
+    const std::string out = capture_output([&] { r.run(); });
     MPA_hooks.procdef = procdef;
     EXPECT_EQ(out, "") << text;
     MER_pending = 0;
@@ -466,7 +449,7 @@ TEST(Print, LongOutputBreaksAtTextwidthAndReadsBack) {
     Cell tree = parse(text);
     ASSERT_NE(tree, nullptr);
     MOU_set_textwidth(23);
-    const std::string out = capture([&] { MOU_emit(tree, MOU_RES, true, true); });
+    const std::string out = capture_output([&] { MOU_emit(tree, MOU_RES, true, true); });
     MOU_set_textwidth(75);
     size_t start = 0, lines = 0;
     while (start < out.size()) {
@@ -482,7 +465,7 @@ TEST(Print, LongOutputBreaksAtTextwidthAndReadsBack) {
     MMM_release(again);
 
     long code = 0;
-    const std::string report = capture([&] {
+    const std::string report = capture_output([&] {
         try {
             MOU_set_textwidth(6);
         } catch (const MER_exception& e) {
@@ -497,27 +480,27 @@ TEST(Print, LongOutputBreaksAtTextwidthAndReadsBack) {
 
 TEST(Print, ChannelsAndThePrintRoutine) {
     Cell x = parse("[x, \"s\"]");
-    EXPECT_EQ(capture([&] { MOU_emit(x, MOU_RES, true, true); }), "[x, \"s\"]\n");
-    EXPECT_EQ(capture([&] { MOU_emit(x, MOU_WRN, false, false); }), "[x, \"s\"]");
-    EXPECT_EQ(capture([&] { MOU_print_result(MMM_NULL); }), "");
+    EXPECT_EQ(capture_output([&] { MOU_emit(x, MOU_RES, true, true); }), "[x, \"s\"]\n");
+    EXPECT_EQ(capture_output([&] { MOU_emit(x, MOU_WRN, false, false); }), "[x, \"s\"]");
+    EXPECT_EQ(capture_output([&] { MOU_print_result(MMM_NULL); }), "");
     MOU_channel_format[MOU_RES] = MOU_format_by_name("_nul");
-    EXPECT_EQ(capture([&] { MOU_print_result(x); }), "");
+    EXPECT_EQ(capture_output([&] { MOU_print_result(x); }), "");
     MOU_channel_format[MOU_RES] = MOU_TXT;
     EXPECT_EQ(MOU_channel_by_name("_prt"), MOU_PRT);
     EXPECT_EQ(MOU_channel_by_name("_xyz"), -1);
     EXPECT_EQ(MOU_format_by_name("_xyz"), MOU_NUL);
-    EXPECT_EQ(capture([] { MOU_printf(MOU_ERR, "%s %d\n", "code", 7); }), "code 7\n");
+    EXPECT_EQ(capture_output([] { MOU_printf(MOU_ERR, "%s %d\n", "code", 7); }), "code 7\n");
 
     Cell s = MMM_make_string("a\"b");
     Cell unquoted = MMM_ident_named("Unquoted");
     Cell nonl = MMM_ident_named("NoNL");
     Cell r = nullptr;
-    EXPECT_EQ(capture([&] { r = MOU_print_values(std::vector<Cell>{s, x}); }), "\"a\\\"b\", [x, \"s\"]\n");
+    EXPECT_EQ(capture_output([&] { r = MOU_print_values(std::vector<Cell>{s, x}); }), "\"a\\\"b\", [x, \"s\"]\n");
     EXPECT_EQ(r, MMM_NULL);
     MMM_release(r);
-    EXPECT_EQ(capture([&] { MMM_release(MOU_print_values(std::vector<Cell>{unquoted, s, x})); }), "a\"b, [x, s]\n");
-    EXPECT_EQ(capture([&] { MMM_release(MOU_print_values(std::vector<Cell>{nonl, s})); }), "a\"b");
-    EXPECT_EQ(capture([&] { MMM_release(MOU_print_values(std::vector<Cell>{})); }), "\n");
+    EXPECT_EQ(capture_output([&] { MMM_release(MOU_print_values(std::vector<Cell>{unquoted, s, x})); }), "a\"b, [x, s]\n");
+    EXPECT_EQ(capture_output([&] { MMM_release(MOU_print_values(std::vector<Cell>{nonl, s})); }), "a\"b");
+    EXPECT_EQ(capture_output([&] { MMM_release(MOU_print_values(std::vector<Cell>{})); }), "\n");
     EXPECT_FALSE(MOU_unquoted) << "options hold for one call";
     EXPECT_EQ(MOU_expr2text(std::vector<Cell>{s}), "\"a\\\"b\"");
     EXPECT_EQ(MOU_expr2text(std::vector<Cell>{s, x}), "\"a\\\"b\", [x, \"s\"]");
@@ -549,7 +532,7 @@ TEST(Print, DeepValuesAreAnErrorNotACrash) {
         v = l;
     }
     long code = 0;
-    const std::string out = capture([&] {
+    const std::string out = capture_output([&] {
         try {
             MOU_to_text(v);
         } catch (const MER_exception& e) {
@@ -567,7 +550,7 @@ TEST(Print, DeepValuesAreAnErrorNotACrash) {
     // the sign test went all the way down.
     Cell sum = deep_negative_sum();
     code = 0;
-    capture([&] {
+    capture_output([&] {
         try {
             MOU_to_text(sum);
         } catch (const MER_exception& e) {

@@ -17,25 +17,9 @@
 #include "MOU_print.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
-
-// Runs `f` with the session's output going to a string.
-template <typename F>
-std::string capture(F f) {
-    FILE* out = std::tmpfile();
-    FILE* saved = MSE_output;
-    MSE_output = out;
-    f();
-    MSE_output = saved;
-    std::rewind(out);
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) text.append(buf, n);
-    std::fclose(out);
-    return text;
-}
 
 // The value of statements at the top level (owned), or null after an error, whose number
 // goes to *code.
@@ -70,7 +54,7 @@ std::string run(std::string_view text) {
 
 std::string quiet_run(std::string_view text) {
     std::string r;
-    capture([&] { r = run(text); });
+    capture_output([&] { r = run(text); });
     return r;
 }
 
@@ -114,15 +98,15 @@ TEST(Proc, DeadClosuresAreReportedWhenAsked) {
     quiet_run("t_mk := proc(x) begin y -> x + y end_proc: t_me := proc(x) option escape; begin y -> x + y end_proc");
     MEV_warn_dead_closure = true;
     std::string r;
-    std::string out = capture([&] { r = run("t_mk(1)(2)"); });
+    std::string out = capture_output([&] { r = run("t_mk(1)(2)"); });
     EXPECT_NE(out.find("Warning: Found dead closure of procedure 't_mk'"), std::string::npos) << out;
     EXPECT_NE(out.find("Illegal variable context"), std::string::npos) << out;
     EXPECT_EQ(r, "Error 1114");
-    out = capture([&] { r = run("t_me(1)(2)"); });
+    out = capture_output([&] { r = run("t_me(1)(2)"); });
     EXPECT_EQ(out, "");
     EXPECT_EQ(r, "3");
     MEV_warn_dead_closure = false;
-    out = capture([&] { r = run("t_mk(1)"); });
+    out = capture_output([&] { r = run("t_mk(1)"); });
     EXPECT_EQ(out, "") << "off at start";
     quiet_run("delete t_mk, t_me");
 }
@@ -130,13 +114,13 @@ TEST(Proc, DeadClosuresAreReportedWhenAsked) {
 TEST(Proc, UninitializedLocalsWarnOnceAndCanBeQuiet) {
     quiet_run("t_un := proc() local a; begin [a, a] end_proc");
     std::string r;
-    std::string out = capture([&] { r = run("t_un()"); });
+    std::string out = capture_output([&] { r = run("t_un()"); });
     EXPECT_EQ(r, "[NIL, NIL]");
     size_t first = out.find("Uninitialized variable 'a' used");
     ASSERT_NE(first, std::string::npos) << out;
     EXPECT_EQ(out.find("Uninitialized", first + 1), std::string::npos) << "one warning for two reads";
     MEV_warn_uninitialized = false;
-    out = capture([&] { r = run("t_un()"); });
+    out = capture_output([&] { r = run("t_un()"); });
     MEV_warn_uninitialized = true;
     EXPECT_EQ(out, "");
     EXPECT_EQ(r, "[NIL, NIL]");
@@ -148,7 +132,7 @@ TEST(Proc, ThousandNestedCallsWithMaxDepth1000) {
     const int32_t saved = MEV_max_depth;
     MEV_max_depth = 1000;
     EXPECT_EQ(quiet_run("t_deep(1000)"), "1000");
-    std::string out = capture([&] { EXPECT_EQ(run("t_deep(1001)"), "Error 1010"); });
+    std::string out = capture_output([&] { EXPECT_EQ(run("t_deep(1001)"), "Error 1010"); });
     EXPECT_NE(out.find("Recursive definition [See ?MAXDEPTH]"), std::string::npos) << out;
     MEV_max_depth = saved;
     EXPECT_EQ(quiet_run("t_deep(501)"), "Error 1010");
