@@ -15,44 +15,14 @@
 #include "MOU_print.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
 
 // The value of a statement, dumped; "Error N" when it raised.
-std::string eval(std::string_view text) {
-    MPA_tree_reader r(text, false, 1);
-    r.run();
-    Cell t = r.take_result();
-    if (!t) return "<syntax error>";
-    std::string out;
-    try {
-        Cell v = MSE_frontend.eval(t);
-        out = MPA_dump(v);
-        MMM_release(v);
-    } catch (const MER_exception& e) {
-        out = "Error " + std::to_string(e.code);
-        MSE_recover(true);
-    }
-    MMM_release(t);
-    return out;
-}
+std::string dump_tree(Cell v) { return MPA_dump(v); }
 
-// What the session writes while fn runs.
-template <class F>
-std::string output_of(F fn) {
-    FILE* out = std::tmpfile();
-    FILE* saved = MSE_output;
-    MSE_output = out;
-    fn();
-    MSE_output = saved;
-    std::rewind(out);
-    std::string text;
-    char buf[512];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) text.append(buf, n);
-    std::fclose(out);
-    return text;
-}
+std::string eval(std::string_view text) { return eval_shown(text, dump_tree, false, false); }
 
 size_t count_of(const std::string& text, const std::string& part) {
     size_t n = 0;
@@ -105,13 +75,13 @@ TEST(Errors, TheTickPrintsTheStatusLineOnTheWarningChannelAndCallsBack) {
     EXPECT_EQ(MSE_get_report(), 9);
     MSE_limits.callback = reentering_callback;
     callback_calls = 0;
-    std::string out = output_of([] {
+    std::string out = capture_output([] {
         for (int i = 0; i < 9; ++i) MSE_tick();
     });
     EXPECT_EQ(count_of(out, "[used="), 3u) << out;
     EXPECT_EQ(callback_calls, 9);
     MOU_channel_format[MOU_WRN] = MOU_NUL;
-    out = output_of([] {
+    out = capture_output([] {
         for (int i = 0; i < 3; ++i) MSE_tick();
     });
     MOU_channel_format[MOU_WRN] = MOU_TXT;
@@ -119,7 +89,7 @@ TEST(Errors, TheTickPrintsTheStatusLineOnTheWarningChannelAndCallsBack) {
     MSE_set_report(0);
     // After an error raised in the tick the guard is down again.
     MSE_limits.maxmem = 1;
-    out = output_of([] {
+    out = capture_output([] {
         EXPECT_THROW(MSE_tick(), MER_exception);
         MSE_recover(true);
     });
@@ -132,10 +102,10 @@ TEST(Errors, TheTickPrintsTheStatusLineOnTheWarningChannelAndCallsBack) {
 
 TEST(Errors, ReportsGoThroughTheirChannels) {
     MOU_channel_format[MOU_ERR] = MOU_NUL;
-    std::string out = output_of([] { eval("error(\"quiet\")"); });
+    std::string out = capture_output([] { eval("error(\"quiet\")"); });
     EXPECT_EQ(out, "");
     EXPECT_EQ(MER_last_text, "Error: quiet") << "the report is kept although not printed";
-    out = output_of([] { eval("warning(\"loud\")"); });
+    out = capture_output([] { eval("warning(\"loud\")"); });
     MOU_channel_format[MOU_ERR] = MOU_TXT;
     EXPECT_EQ(out, "Warning: loud\n");
 }
@@ -200,7 +170,7 @@ TEST(Errors, ADeletionShowsTheSetterTheValueOfTheFrameAbove) {
 
 TEST(Errors, AProtectionErrorLeavesTheSettingAsItWas) {
     EXPECT_EQ(eval("protected(DIGITS, Error)"), "None");
-    EXPECT_EQ(output_of([] { EXPECT_EQ(eval("DIGITS := 30"), "Error 1046"); }),
+    EXPECT_EQ(capture_output([] { EXPECT_EQ(eval("DIGITS := 30"), "Error 1046"); }),
               "Error: Identifier 'DIGITS' is protected [_assign]\n");
     EXPECT_EQ(MAR_digits, 10) << "the setter did not run";
     EXPECT_EQ(eval("protected(DIGITS, None)"), "Error");

@@ -19,24 +19,9 @@
 namespace {
 
 // The value of a statement, dumped; "Error N: text" when it raised.
-std::string eval(std::string_view text) {
-    Cell t = parse_text(text);
-    if (!t) return "<syntax error>";
-    const bool trapped = MER_trapped;
-    MER_trapped = true;
-    std::string out;
-    try {
-        Cell v = MSE_frontend.eval(t);
-        out = MPA_dump(v);
-        MMM_release(v);
-    } catch (const MER_exception& e) {
-        out = "Error " + std::to_string(e.code) + ": " + MER_last_text;
-        MSE_recover(true);
-    }
-    MER_trapped = trapped;
-    MMM_release(t);
-    return out;
-}
+std::string dump_tree(Cell v) { return MPA_dump(v); }
+
+std::string eval(std::string_view text) { return eval_shown(text, dump_tree, true, true); }
 
 void set(const char* name, std::string_view value_text) {
     Cell id = MMM_ident_named(name);

@@ -18,30 +18,12 @@
 #include "MOU_print.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
+#include "session_support.h"
 
 namespace {
 
 // The printed value of a statement; "Error N" when it raised.
-std::string run(std::string_view text) {
-    MPA_tree_reader r(text, false, 1);
-    r.run();
-    Cell t = r.take_result();
-    if (!t) return "<syntax error>";
-    const bool trapped = MER_trapped;
-    MER_trapped = true;
-    std::string out;
-    try {
-        Cell v = MSE_frontend.eval(t);
-        out = MOU_to_text(v);
-        MMM_release(v);
-    } catch (const MER_exception& e) {
-        out = "Error " + std::to_string(e.code);
-        MSE_recover(true);
-    }
-    MER_trapped = trapped;
-    MMM_release(t);
-    return out;
-}
+std::string run(std::string_view text) { return eval_shown(text, MOU_to_text, false, true); }
 
 // Binds a value (taken over) to a name at the root frame.
 void bind(const char* name, Cell value) {

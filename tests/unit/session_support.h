@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "MER_error.h"
 #include "MMM_cell.h"
 #include "MPA_reader.h"
 #include "MSE_session.h"
@@ -32,4 +33,28 @@ inline Cell parse_text(std::string_view text) {
     MPA_tree_reader r(text, false, 1);
     r.run();
     return r.take_result();
+}
+
+// The value of a statement evaluated at the top level, as `show` writes it; "Error N"
+// (followed by ": " and the report's text with `with_text`) when it raised, and
+// "<syntax error>" when it does not read. With `trap` the report is not printed.
+inline std::string eval_shown(std::string_view text, std::string (*show)(Cell), bool with_text = false,
+                              bool trap = true) {
+    Cell t = parse_text(text);
+    if (!t) return "<syntax error>";
+    const bool trapped = MER_trapped;
+    if (trap) MER_trapped = true;
+    std::string out;
+    try {
+        Cell v = MSE_frontend.eval(t);
+        out = show(v);
+        MMM_release(v);
+    } catch (const MER_exception& e) {
+        out = "Error " + std::to_string(e.code);
+        if (with_text) out += ": " + MER_last_text;
+        MSE_recover(true);
+    }
+    MER_trapped = trapped;
+    MMM_release(t);
+    return out;
 }
