@@ -1052,20 +1052,23 @@ unsigned MAR_properties(Cell x) { return property_reader && is_ident(x) ? proper
 
 void MAR_set_float_routine(MAR_float_fn fn) { float_routine = fn; }
 
+const MFN_builtin canonical_builtins[] = {
+    {.name = "_plus", .routine = body_plus},
+    {.name = "_mult", .routine = body_mult},
+    {.name = "_power", .routine = body_power},
+    {.name = "_negate", .routine = body_negate},
+    {.name = "_invert", .routine = body_invert},
+    {.name = "_subtract", .routine = body_subtract},
+    {.name = "_divide", .routine = body_divide},
+};
+const MFN_builtin_table MAR_canonical_builtins = canonical_builtins;
+
 void MAR_canonical_start() {
-    MCM_start();
     root_cache = MMM_table_new(0);
     ident_pi = MMM_ident_named("PI");
     ident_euler = MMM_ident_named("EULER");
     ident_catalan = MMM_ident_named("CATALAN");
     for (Cell* root : {&root_cache, &ident_pi, &ident_euler, &ident_catalan}) MMM_add_root(root);
-    MFN_set_routine(MFN_ID_PLUS, body_plus);
-    MFN_set_routine(MFN_ID_MULT, body_mult);
-    MFN_set_routine(MFN_ID_POWER, body_power);
-    MFN_set_routine(MFN_ID_NEGATE, body_negate);
-    MFN_set_routine(MFN_ID_INVERT, body_invert);
-    MFN_set_routine(MFN_ID_SUBTRACT, body_subtract);
-    MFN_set_routine(MFN_ID_DIVIDE, body_divide);
     MAR_expression.looks_negative = expr_looks_negative;
     MAR_expression.negate = expr_negate;
     MAR_expression.invert = expr_invert;

@@ -20,6 +20,7 @@
 // plain operands until overloading exists.
 #pragma once
 
+#include "MFN_table.h"
 #include "MMM_cell.h"
 
 // ---- canonical forms ----
@@ -67,4 +68,7 @@ void MAR_set_float_routine(MAR_float_fn fn);
 // bodies, installs the expression routines of MAR_negate, MAR_invert, MAR_divide,
 // MAR_subtract and MAR_looks_negative, and makes the cache of exact roots. Runs after
 // MAR_init_numbers and the identifier table, at every start of the heap.
+// The built-ins of canonical arithmetic: _plus, _mult, _power, _negate, _invert,
+// _subtract, _divide.
+extern const MFN_builtin_table MAR_canonical_builtins;
 void MAR_canonical_start();

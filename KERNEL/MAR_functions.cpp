@@ -8,8 +8,7 @@
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MER_error.h"
-#include "MEV_eval.h"
-#include "MFN_env.h"
+#include "MAR_functions.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
@@ -20,16 +19,16 @@ std::string name_of(Cell e) { return std::string(MMM_ident_text(MMM_child(e, 0))
 
 bool is_integer(Cell c) { return MMM_category(c) == DOM_INT || MMM_category(c) == CAT_BIG_INT; }
 
-// The front of code 1000: one argument; numbers go to the function's numeric back end,
-// anything else stays as the call. (ceil, floor, frac, round and trunc will look for a
-// number inside a symbolic argument once floats of expressions exist.)
+// The front of code 1000 (one argument, declared in the table below): numbers go to the
+// function's numeric back end, anything else stays as the call. (ceil, floor, frac, round
+// and trunc will look for a number inside a symbolic argument once floats of expressions
+// exist.)
 Cell front_1000(Cell e, int context, unsigned flags, Cell exec) {
-    MEV_need_args(e, 1, 1);
     Cell x = MMM_child(e, 1);
     if (!MAR_is_number(x)) return MMM_retained(e);
     Cell numeric = MMM_child(exec, 1);
-    if (numeric == MMM_NIL || !MFN_code_of(numeric).routine) return MMM_retained(e);
-    return MFN_code_of(numeric).routine(e, context, flags, exec);
+    if (numeric == MMM_NIL || !MMM_code_routine(numeric)) return MMM_retained(e);
+    return MMM_code_routine(numeric)(e, context, flags, exec);
 }
 
 Cell with_pari(Cell x, GEN (*fn)(GEN)) {
@@ -76,20 +75,15 @@ Cell numeric_fact(Cell e, int, unsigned, Cell) {
 
 }  // namespace
 
-void MAR_functions_start() {
-    struct Fn {
-        const char* name;
-        MFN_routine numeric;
-    };
-    const Fn fns[] = {
-        {"abs", numeric_abs},         {"ceil", numeric_ceil},   {"floor", numeric_floor},
-        {"frac", numeric_frac},       {"round", numeric_round}, {"trunc", numeric_trunc},
-        {"isprime", numeric_isprime}, {"nextprime", numeric_nextprime}, {"fact", numeric_fact},
-    };
-    for (const Fn& f : fns) {
-        const MFN_record* r = MFN_record_by_name(f.name);
-        if (!r) continue;
-        MFN_set_routine(r->id, front_1000);
-        MFN_set_numeric_routine(r->id, f.numeric);
-    }
-}
+const MFN_builtin function_builtins[] = {
+    {.name = "abs", .routine = front_1000, .numeric = numeric_abs, .args = {1, 1}},
+    {.name = "ceil", .routine = front_1000, .numeric = numeric_ceil, .args = {1, 1}},
+    {.name = "floor", .routine = front_1000, .numeric = numeric_floor, .args = {1, 1}},
+    {.name = "frac", .routine = front_1000, .numeric = numeric_frac, .args = {1, 1}},
+    {.name = "round", .routine = front_1000, .numeric = numeric_round, .args = {1, 1}},
+    {.name = "trunc", .routine = front_1000, .numeric = numeric_trunc, .args = {1, 1}},
+    {.name = "isprime", .routine = front_1000, .numeric = numeric_isprime, .args = {1, 1}},
+    {.name = "nextprime", .routine = front_1000, .numeric = numeric_nextprime, .args = {1, 1}},
+    {.name = "fact", .routine = front_1000, .numeric = numeric_fact, .args = {1, 1}},
+};
+const MFN_builtin_table MAR_function_builtins = function_builtins;

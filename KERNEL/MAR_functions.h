@@ -1,5 +1,7 @@
 // The one-argument number functions (abs, ceil, floor, frac, isprime, nextprime, fact,
-// round, trunc): registers their shared front and numeric back ends.
+// round, trunc): one shared front (code 1000) and a numeric back end for each.
 #pragma once
 
-void MAR_functions_start();
+#include "MFN_table.h"
+
+extern const MFN_builtin_table MAR_function_builtins;

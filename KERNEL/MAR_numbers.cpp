@@ -399,11 +399,26 @@ const unsigned long powers_of_ten[10] = {1ul,      10ul,      100ul,      1000ul
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
+// DIGITS and the working precision, put back after a trap or a report.
+struct SavedPrecision {
+    int32_t digits, words;
+    long pari_precision;
+};
+void save_precision(void* room) { *static_cast<SavedPrecision*>(room) = {MAR_digits, MAR_precision_words, MAR_pari_precision}; }
+void restore_precision(const void* room) {
+    const auto& r = *static_cast<const SavedPrecision*>(room);
+    if (MAR_digits != r.digits) MAR_set_digits(r.digits);
+    MAR_precision_words = r.words;
+    MAR_pari_precision = r.pari_precision;
+}
+
 }  // namespace
 
 // ---- start ----
 
 void MAR_init_numbers() {
+    MER_add_state({sizeof(SavedPrecision), save_precision, restore_precision, nullptr});
+    MMM_integer_maker = MAR_from_long;
     MMM_set_sign_routine(MMM_NUMBER, sign_block);
     MCM_set_equal_routine(MMM_NUMBER, equal_blocks);
     MCM_set_compare_routine(MMM_NUMBER, compare_blocks);

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "MER_error.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 pari_sp MAR_stack_mark = 0;
 int MAR_poll_countdown = 1023;
@@ -84,7 +84,7 @@ int raise_pari_error(GEN err) {
     const char* operation = nullptr;
     if (lg(err) > 2 && typ(err_get_compo(err, 1)) == t_STR) operation = GSTR(err_get_compo(err, 1));
     const long number = MAR_error_number(pari_class, operation);
-    if (number == 360) MSE_fatal("Fatal PARI error: Out of memory");
+    if (number == 360) MSY_fatal("Fatal PARI error: Out of memory");
     if (number != UNEXPECTED) MER_raise(number, nullptr);
     // An unexpected failure carries PARI's own words, for the report.
     std::string words;

@@ -10,7 +10,7 @@
 #include "MMM_heap.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 namespace {
 
@@ -263,7 +263,7 @@ int MCM_compare(Cell a, Cell b) {
 }
 
 int MCM_compare_unknown(Cell, Cell) {
-    MSE_write_report(0, "Internal error [MCM_compare_unknown]");
+    MSY_write_report(0, "Internal error [MCM_compare_unknown]\n");
     return 0;
 }
 
@@ -279,6 +279,14 @@ Cell MCM_sysorder(Cell expr, int, unsigned, Cell) {
 }
 
 void MCM_start() {
-    constexpr int sysorder_id = 250;
-    MFN_set_routine(sysorder_id, MCM_sysorder);
+    MMM_equality.equal = MCM_equal;
+    MMM_equality.share_mode = MCM_set_box_structural;
+    MCM_set_equal_routine(MMM_HASH, MMM_table_equal);
 }
+
+namespace {
+const MFN_builtin order_builtins[] = {
+    {.name = "sysorder", .routine = MCM_sysorder},
+};
+}  // namespace
+const MFN_builtin_table MCM_builtins = order_builtins;

@@ -1,6 +1,7 @@
 // Structural equality and the system order of cells, dispatched by memory kind.
 #pragma once
 
+#include "MFN_table.h"
 #include "MMM_cell.h"
 
 using MCM_equal_fn = bool (*)(Cell, Cell);
@@ -36,5 +37,9 @@ void MCM_set_compare_routine(unsigned kind, MCM_compare_fn fn);
 // FALSE; another operand count is error 1004. The operands come evaluated.
 Cell MCM_sysorder(Cell expr, int context, unsigned flags, Cell env);
 
-// Gives `sysorder` its body.
+// Installs structural equality into the heap and the tables, and the equality of tables
+// into the comparison; before the identifier table starts.
 void MCM_start();
+
+// The built-ins of this module: `sysorder`.
+extern const MFN_builtin_table MCM_builtins;

@@ -3,14 +3,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "MAR_numbers.h"
-#include "MAR_pari.h"
-#include "MEV_env.h"
-#include "MEV_eval.h"
-#include "MMM_heap.h"
-#include "MMM_ident.h"
-#include "MOU_print.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 long MER_pending = 0;
 long MER_last = 0;
@@ -157,6 +150,7 @@ const char* pari_text(long n) {
 }
 
 MER_context_fn context_routine = nullptr;
+MER_context_fn file_routine = nullptr;
 
 std::string vformat(const char* fmt, va_list args) {
     va_list copy;
@@ -179,6 +173,8 @@ const char* MER_table_text(long number) {
 
 void MER_set_context_routine(MER_context_fn fn) { context_routine = fn; }
 
+void MER_set_file_routine(MER_context_fn fn) { file_routine = fn; }
+
 bool MER_context_name(std::string& name) { return context_routine && context_routine(name); }
 
 std::string MER_format(long number, va_list args) {
@@ -192,22 +188,7 @@ std::string MER_format(long number, va_list args) {
     return MER_table_text(1008);
 }
 
-void MER_write(long number, std::string_view text) {
-    if (number == 1014) {
-        FILE* out = MSE_session.std_err ? MSE_session.std_err : stderr;
-        std::fwrite(text.data(), 1, text.size(), out);
-        std::fflush(out);
-        return;
-    }
-    const MOU_channel channel = number < 0 ? MOU_WRN : MOU_ERR;
-    // The channel formats into a buffer of its own; a long text goes in pieces.
-    constexpr size_t piece = 2048;
-    for (size_t at = 0; at < text.size(); at += piece) {
-        const size_t n = text.size() - at < piece ? text.size() - at : piece;
-        MOU_printf(channel, "%.*s", int(n), text.data() + at);
-    }
-    std::fflush(MSE_output ? MSE_output : stdout);
-}
+void MER_write(long number, std::string_view text) { MSY_write_report(number, text); }
 
 void MER_report(long number, const char* text, va_list args) {
     if (number == 1400) {
@@ -231,8 +212,8 @@ void MER_report(long number, const char* text, va_list args) {
         std::string name;
         if (MER_context_name(name)) msg += ";\nduring evaluation of '" + name.substr(0, 400) + "'";
     }
-    if (!MSE_session.current_read_file.empty())
-        msg += ";\nwhile reading file '" + MSE_session.current_read_file + "'";
+    std::string file;
+    if (file_routine && file_routine(file)) msg += ";\nwhile reading file '" + file + "'";
     if (number > 0) MER_last_text = msg;
     if (!MER_trapped || warning) {
         // Printing may one day run library code (a client's format); whatever it changes
@@ -264,97 +245,42 @@ void MER_warn(long number, const char* text, ...) {
     va_end(args);
 }
 
-void MER_reset(bool clear) {
-    if (MER_pending == 1014) MSE_stop(1, true);
-    if (MSE_frontend.reset_evaluator) MSE_frontend.reset_evaluator();
-    MAR_reset_stack();
-    if (MER_pending == 1300) {
-        // Memory is back only after the sweep; the report could not be made before.
-        MMM_mark_all();
-        MMM_sweep();
-        MER_warn(1300, nullptr);
-    }
-    if (clear) MER_pending = 0;
-}
-
 // ---- snapshots ----
 
 namespace {
 
-void put_cell(Cell* slot, Cell value) {
-    MMM_retain(value);
-    MMM_release(*slot);
-    *slot = value;
-}
+std::vector<MER_state_saver> savers;
+std::vector<size_t> offsets;  // of each saver's room in a snapshot
+size_t used = 0;
+
+constexpr size_t aligned(size_t n) { return (n + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1); }
 
 }  // namespace
 
+void MER_add_state(const MER_state_saver& saver) {
+    for (const MER_state_saver& s : savers)
+        if (s.save == saver.save) return;
+    if (!saver.save || !saver.restore || used + aligned(saver.bytes) > MER_SNAPSHOT_BYTES)
+        MSY_fatal("Internal error. [MER_add_state: no room for the settings of a module]");
+    savers.push_back(saver);
+    offsets.push_back(used);
+    used += aligned(saver.bytes);
+}
+
 void MER_snapshot(MER_snapshot_record& r) {
-    static_assert(MOU_CHANNEL_COUNT <= 16, "the record has room for every channel's format");
-    r.level = MEV_level;
-    r.level_saved = MEV_level_saved;
-    r.digits = MAR_digits;
-    r.order = MEV_order;
-    r.precision_words = MAR_precision_words;
-    r.pari_precision = MAR_pari_precision;
-    r.history = MEV_history;
-    r.max_level = MEV_max_level;
-    r.max_depth = MEV_max_depth;
-    r.textwidth = MOU_textwidth;
-    r.pretty = MOU_pretty;
-    for (auto [slot, value] : {std::pair{&r.lib_path, MEV_lib_path}, std::pair{&r.read_path, MEV_read_path},
-                               std::pair{&r.write_path, MEV_write_path}, std::pair{&r.package_path, MEV_package_path},
-                               std::pair{&r.frame, MEV_current_frame}}) {
-        MMM_retain(value);
-        *slot = value;
-    }
-    r.unquoted = MOU_unquoted;
-    r.in_method = MOU_in_method;
-    r.for_text = MOU_for_text;
-    r.source_form = MOU_source_form;
-    r.statement_layout = MOU_statement_layout;
-    r.trailing_zeroes = MOU_trailing_zeroes;
-    r.indent = MOU_indent;
-    r.keep_order = MOU_keep_order;
-    for (int i = 0; i < MOU_CHANNEL_COUNT; ++i) r.formats[i] = MOU_channel_format[i];
+    for (size_t i = 0; i < savers.size(); ++i) savers[i].save(r.room + offsets[i]);
     r.held = true;
 }
 
 void MER_restore(MER_snapshot_record& r) {
     if (!r.held) return;
-    MEV_level = r.level;
-    MEV_level_saved = r.level_saved;
-    if (MAR_digits != r.digits) MAR_set_digits(r.digits);
-    MAR_precision_words = r.precision_words;
-    MAR_pari_precision = r.pari_precision;
-    MEV_order = r.order;
-    MEV_history = r.history;
-    MEV_max_level = r.max_level;
-    MEV_max_depth = r.max_depth;
-    MOU_textwidth = r.textwidth;
-    MOU_pretty = r.pretty;
-    put_cell(&MEV_lib_path, r.lib_path);
-    put_cell(&MEV_read_path, r.read_path);
-    put_cell(&MEV_write_path, r.write_path);
-    put_cell(&MEV_package_path, r.package_path);
-    if (r.frame) put_cell(&MEV_current_frame, r.frame);
-    MOU_unquoted = r.unquoted;
-    MOU_in_method = r.in_method;
-    MOU_for_text = r.for_text;
-    MOU_source_form = r.source_form;
-    MOU_statement_layout = r.statement_layout;
-    MOU_trailing_zeroes = r.trailing_zeroes;
-    MOU_indent = r.indent;
-    MOU_keep_order = r.keep_order;
-    for (int i = 0; i < MOU_CHANNEL_COUNT; ++i) MOU_channel_format[i] = MOU_format(r.formats[i]);
+    for (size_t i = 0; i < savers.size(); ++i) savers[i].restore(r.room + offsets[i]);
 }
 
 void MER_free_snapshot(MER_snapshot_record& r) {
     if (!r.held) return;
-    for (Cell* c : {&r.lib_path, &r.read_path, &r.write_path, &r.package_path, &r.frame}) {
-        MMM_release(*c);
-        *c = nullptr;
-    }
+    for (size_t i = 0; i < savers.size(); ++i)
+        if (savers[i].drop) savers[i].drop(r.room + offsets[i]);
     r.held = false;
 }
 

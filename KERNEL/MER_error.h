@@ -6,11 +6,11 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "MMM_cell.h"
 
 struct MER_exception {
     long code;
@@ -35,35 +35,33 @@ void MER_warn(long number, const char* text, ...);
 // being read; kept as the last report for a positive number, printed unless trapped (a
 // warning always).
 void MER_report(long number, const char* text, va_list args);
-// Writes a finished text as it stands on the channel of the number: errors on _err,
-// warnings on _wrn, 1014 on the system's error stream.
+// Writes a finished text as it stands on the channel of the number (through the
+// process's report writer): errors on _err, warnings on _wrn, 1014 on the system's error
+// stream.
 void MER_write(long number, std::string_view text);
-// Recovery after an error reached the top level: 1014 ends the session; the evaluator's
-// depths and frame are cleared and the PARI stack reset; after 1300 the heap is swept and
-// only then is the error reported. With `clear`, no error is pending afterwards.
-void MER_reset(bool clear);
 
-// The settings a trap or the printing of a message puts back: LEVEL and the saved level,
-// DIGITS with the working precision, ORDER, HISTORY, MAXLEVEL, MAXDEPTH, TEXTWIDTH,
-// PRETTYPRINT, the four paths, the current frame, the printer's switches and settings and
-// the formats of the output channels. Cells are retained, not copied.
+// ---- settings put back after a trap or a report ----
+// A module whose settings a trap, or the printing of a report, must put back registers a
+// saver once at start: `bytes` of room in a snapshot; `save` writes the current settings
+// into that room (retaining any cell it keeps), `restore` sets them back from it (the
+// room keeps what it holds), `drop` lets go of what `save` retained (null when nothing
+// is). A snapshot is a fixed block with no memory of its own; the savers run in the
+// order they were registered. Registering the same saver again changes nothing.
+struct MER_state_saver {
+    size_t bytes;
+    void (*save)(void* room);
+    void (*restore)(const void* room);
+    void (*drop)(void* room);
+};
+void MER_add_state(const MER_state_saver& saver);
+
+constexpr size_t MER_SNAPSHOT_BYTES = 512;
 struct MER_snapshot_record {
     bool held = false;
-    int32_t level = 0, level_saved = 0, digits = 0, order = 0, precision_words = 0;
-    long pari_precision = 0;
-    int32_t history = 0, max_level = 0, max_depth = 0;
-    long textwidth = 0;
-    bool pretty = false;
-    Cell lib_path = nullptr, read_path = nullptr, write_path = nullptr, package_path = nullptr;
-    Cell frame = nullptr;
-    bool unquoted = false, in_method = false, for_text = false, source_form = false, statement_layout = false,
-         trailing_zeroes = false;
-    int32_t indent = 0;
-    int keep_order = 0;
-    int formats[16] = {};
+    alignas(std::max_align_t) unsigned char room[MER_SNAPSHOT_BYTES];
 };
 void MER_snapshot(MER_snapshot_record& record);
-// Sets the settings back, releasing what had replaced them; the record keeps its cells.
+// Sets the settings back; the record keeps what it holds.
 void MER_restore(MER_snapshot_record& record);
 void MER_free_snapshot(MER_snapshot_record& record);
 // Takes the current settings into a record that may hold older ones.
@@ -80,3 +78,6 @@ using MER_context_fn = bool (*)(std::string& name);
 void MER_set_context_routine(MER_context_fn fn);
 // The name of the running procedure as the context line gives it; false for none.
 bool MER_context_name(std::string& name);
+// The file being read, for the context line "while reading file ..."; the session
+// installs it. Returns false when no file is being read.
+void MER_set_file_routine(MER_context_fn fn);

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "MAR_numbers.h"
+#include "MEV_builtins.h"
 #include "MER_error.h"
 #include "MEV_eval.h"
 #include "MFN_env.h"
@@ -139,7 +140,7 @@ Cell builtin_expr2text(Cell e, int, unsigned, Cell) { return MMM_make_string(MOU
 
 }  // namespace
 
-bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_front front, Cell* result) {
+bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MFN_front front, Cell* result) {
     front.arg_flags |= MEV_STOP_AT_FAIL;
     return MEV_builtin_front(expr, context, flags, exec, front, result);
 }
@@ -170,23 +171,23 @@ bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int c
     return true;
 }
 
-void MEV_builtins_start() {
-    if (const MFN_record* r = MFN_record_by_name("print")) MFN_set_routine(r->id, builtin_print);
-    if (const MFN_record* r = MFN_record_by_name("expr2text")) MFN_set_routine(r->id, builtin_expr2text);
-    MFN_set_routine(MFN_ID_FUNCENV, builtin_funcenv);
-    MEV_front funcenv_front;
-    funcenv_front.arg_context = MEV_CONTEXT_FREE;
-    funcenv_front.column = 30 + DOM_FUNC_ENV;
-    MEV_set_front(MFN_ID_FUNCENV, funcenv_front);
-    MFN_set_routine(MFN_ID_BUILTIN, builtin_builtin);
-    MEV_front builtin_front;
-    builtin_front.arg_context = MEV_CONTEXT_FREE;
-    MEV_set_front(MFN_ID_BUILTIN, builtin_front);
-    MFN_set_routine(MFN_ID_OP_PLUSMULT, builtin_op_plusmult);
-    MFN_set_routine(MFN_ID_OP_POWER, builtin_op_power);
-    MFN_set_routine(MFN_ID_OP_FCONCAT, builtin_op_fconcat);
-    MFN_set_routine(MFN_ID_DOMAINFUNCCALL, builtin_domainfunccall);
-    MEV_front domain_front;
-    domain_front.overload_flags = 8;
-    MEV_set_front(MFN_ID_DOMAINFUNCCALL, domain_front);
-}
+namespace {
+
+constexpr MFN_front funcenv_front{.arg_context = MEV_CONTEXT_FREE, .column = 30 + DOM_FUNC_ENV};
+constexpr MFN_front builtin_front{.arg_context = MEV_CONTEXT_FREE};
+constexpr MFN_front domain_front{.overload_flags = 8};
+
+const MFN_builtin builtins[] = {
+    {.name = "print", .routine = builtin_print},
+    {.name = "expr2text", .routine = builtin_expr2text},
+    {.name = "funcenv", .routine = builtin_funcenv, .front = &funcenv_front},
+    {.name = "builtin", .routine = builtin_builtin, .front = &builtin_front},
+    {.name = "_op_plusmult", .routine = builtin_op_plusmult},
+    {.name = "_op_power", .routine = builtin_op_power},
+    {.name = "_op_fconcat", .routine = builtin_op_fconcat},
+    {.name = "_domainfunccall", .routine = builtin_domainfunccall, .front = &domain_front},
+};
+
+}  // namespace
+
+const MFN_builtin_table MEV_call_builtins = builtins;

@@ -1,6 +1,7 @@
 // The built-ins table(...), _frame, _parentFrame and _rootFrame, and index access to
 // arrays.
 #include "MEV_containers.h"
+#include "MEV_builtins.h"
 
 #include <string>
 #include <vector>
@@ -71,7 +72,7 @@ Cell builtin_table(Cell e, int, unsigned, Cell) {
 // _frame(x) for an identifier: the frame x holds in the current frame, or a new child
 // frame named x, bound to x there.
 Cell enter_named(Cell ident) {
-    if (Cell v = MMM_value_in(ident, MEV_current_frame, true)) {
+    if (Cell v = MMM_value_in(ident, MMM_current_frame, true)) {
         Cell r;
         try {
             r = MEV_eval(v, MEV_CONTEXT_ARGUMENT, 0);
@@ -86,7 +87,7 @@ Cell enter_named(Cell ident) {
         }
         MMM_release(r);
     }
-    Cell parent = MEV_current_frame;
+    Cell parent = MMM_current_frame;
     Cell frame = MMM_frame_new(parent, ident);
     try {
         MMM_release(MMM_set_value(ident, frame, 0, parent));
@@ -94,7 +95,7 @@ Cell enter_named(Cell ident) {
         MMM_release(frame);
         throw;
     }
-    if (parent != MEV_root_frame) MMM_frame_add_child(parent, frame);
+    if (parent != MMM_root_frame) MMM_frame_add_child(parent, frame);
     MEV_enter_frame(frame);
     return frame;
 }
@@ -112,7 +113,7 @@ Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
     MMM_release(x);
     if (done) return held;
     if (MEV_nargs(e) > 1) MER_raise(1004, "_frame");
-    if (MEV_nargs(e) == 0) return MMM_retained(MEV_current_frame);
+    if (MEV_nargs(e) == 0) return MMM_retained(MMM_current_frame);
     Cell a = MEV_arg(e, 1);
     switch (MMM_category(a)) {
     case DOM_IDENT: return enter_named(a);
@@ -135,13 +136,13 @@ Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
 
 Cell builtin_parent_frame(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
-    Cell parent = MMM_frame_parent(MEV_current_frame);
-    return MMM_retained(parent == MMM_NIL ? MEV_current_frame : parent);
+    Cell parent = MMM_frame_parent(MMM_current_frame);
+    return MMM_retained(parent == MMM_NIL ? MMM_current_frame : parent);
 }
 
 Cell builtin_root_frame(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
-    return MMM_retained(MEV_root_frame);
+    return MMM_retained(MMM_root_frame);
 }
 
 }  // namespace
@@ -180,12 +181,12 @@ void MEV_array_write(Cell* array, Cell index_expr, Cell value) {
 
 void MEV_enter_frame(Cell frame) {
     MMM_retain(frame);
-    MMM_release(MEV_current_frame);
-    MEV_current_frame = frame;
+    MMM_release(MMM_current_frame);
+    MMM_current_frame = frame;
 }
 
 Cell MEV_enter_frame_path(std::string_view path) {
-    MEV_enter_frame(MEV_root_frame);
+    MEV_enter_frame(MMM_root_frame);
     while (!path.empty()) {
         const size_t cut = path.find("::");
         const std::string_view piece = path.substr(0, cut);
@@ -203,13 +204,16 @@ Cell MEV_enter_frame_path(std::string_view path) {
         if (cut == std::string_view::npos) break;
         path.remove_prefix(cut + 2);
     }
-    return MEV_current_frame;
+    return MMM_current_frame;
 }
 
-void MEV_containers_start() {
-    MFN_set_routine(MFN_ID_TABLE, builtin_table);
-    MFN_set_routine(MFN_ID_FRAME, builtin_frame);
-    MEV_set_raw(MFN_ID_FRAME);
-    MFN_set_routine(MFN_ID_PARENT_FRAME, builtin_parent_frame);
-    MFN_set_routine(MFN_ID_ROOT_FRAME, builtin_root_frame);
-}
+namespace {
+const MFN_builtin builtins[] = {
+    {.name = "table", .routine = builtin_table},
+    {.name = "_frame", .routine = builtin_frame, .raw = true},
+    {.name = "_parentFrame", .routine = builtin_parent_frame},
+    {.name = "_rootFrame", .routine = builtin_root_frame},
+};
+}  // namespace
+
+const MFN_builtin_table MEV_container_builtins = builtins;

@@ -15,12 +15,10 @@ Cell MEV_array_read(Cell expr);
 // index count is 1119, an index that is no integer or lies out of bounds 1005.
 void MEV_array_write(Cell* array, Cell index_expr, Cell value);
 
-// Enters a frame: it becomes MEV_current_frame.
+// Enters a frame: it becomes MMM_current_frame.
 void MEV_enter_frame(Cell frame);
 // Walks a frame path "a::b::c" from the root frame, entering each piece as `_frame` does
 // (making the frames that do not exist yet); gives the frame reached, borrowed. The walk
 // ends at an empty piece: an empty path leaves the root frame current.
 Cell MEV_enter_frame_path(std::string_view path);
 
-// Gives the built-ins above their bodies; part of MEV_ops_start.
-void MEV_containers_start();

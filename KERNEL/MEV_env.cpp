@@ -5,18 +5,19 @@
 // gives the value to store in the binding; a getter reads the kernel's variable. The
 // binding still matters for protection and for what the frame walk sees.
 #include "MEV_env.h"
+#include "MEV_builtins.h"
 
 #include <climits>
 
 #include "MAR_numbers.h"
 #include "MER_error.h"
 #include "MEV_eval.h"
-#include "MFN_env.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
 #include "MOU_print.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
+#include "MTR_codes.h"
 
 int32_t MEV_order = 6;
 int32_t MEV_history = 20;
@@ -24,6 +25,7 @@ Cell MEV_lib_path = nullptr;
 Cell MEV_read_path = nullptr;
 Cell MEV_write_path = nullptr;
 Cell MEV_package_path = nullptr;
+MEV_directories_record MEV_directories;
 
 namespace {
 
@@ -43,7 +45,7 @@ bool is_sequence(Cell c) {
 // routine gets no code cell and refuses.
 int code_number(Cell code) {
     if (!code || MMM_kind_of(code) != MMM_CODE) MER_raise(1019, nullptr);
-    return MFN_code_of(code).code;
+    return MMM_code_of(code).code;
 }
 
 // ---- integers ----
@@ -186,14 +188,14 @@ Cell path_value(const std::vector<std::string>& texts) {
     return s;
 }
 
-std::vector<std::string> default_lib_path() { return {as_directory(MSE_session.lib_dir)}; }
+std::vector<std::string> default_lib_path() { return {as_directory(MEV_directories.lib_dir)}; }
 
 // The directories of the `/p` option, then "packages" in the library directory unless
 // the user's packages are left out.
 std::vector<std::string> default_package_path() {
     std::vector<std::string> dirs;
-    for (const std::string& d : split(MSE_session.package_path, ';')) dirs.push_back(as_directory(d));
-    if (MSE_session.user_packages) dirs.push_back(as_directory(MSE_session.lib_dir) + "packages/");
+    for (const std::string& d : split(MEV_directories.package_path, ';')) dirs.push_back(as_directory(d));
+    if (MEV_directories.user_packages) dirs.push_back(as_directory(MEV_directories.lib_dir) + "packages/");
     return dirs;
 }
 
@@ -293,8 +295,8 @@ Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
         const int wanted = level_of_word(w);
         if (wanted < 0) MER_raise(1005, "protected");
         if (level == MMM_PROTECT_KERNEL) MER_raise(1046, "protected", std::string(MMM_ident_text(id)).c_str());
-        Cell b = MMM_binding_find(id, MEV_current_frame);
-        if (!b) b = MMM_binding_make(id, MEV_current_frame);
+        Cell b = MMM_binding_find(id, MMM_current_frame);
+        if (!b) b = MMM_binding_make(id, MMM_current_frame);
         MMM_binding_set_level(b, wanted);
         MMM_sign(b);
     } catch (...) {
@@ -329,7 +331,7 @@ Cell MEV_env_bind(std::string_view name, int setter_code, MFN_routine setter, in
     Cell id = MMM_ident(MMM_intern(name), 3);
     Cell body = MMM_child(id, 1);
     if (MMM_child_count(body) <= MMM_IB_GETTER)
-        MSE_fatal("Internal error. [MEV_env_bind: " + std::string(name) + " made before its variable]");
+        MSY_fatal("Internal error. [MEV_env_bind: " + std::string(name) + " made before its variable]");
     MMM_release(MMM_children(body)[MMM_IB_SETTER]);
     MMM_release(MMM_children(body)[MMM_IB_GETTER]);
     MMM_children(body)[MMM_IB_SETTER] = MMM_retained(MTR_code_cell(setter, setter_code));
@@ -343,10 +345,49 @@ Cell MEV_env_bind(std::string_view name, int setter_code, MFN_routine setter, in
 void MEV_reset_vars() {
     for (long i = 0; i < env_count; ++i)
         MMM_release(MMM_set_value_checked(MMM_child(env_idents, i), MMM_NIL, MMM_SET_NIL_DELETES | MMM_SET_PRIVILEGED,
-                                          MEV_root_frame, false));
+                                          MMM_root_frame, false));
 }
 
+namespace {
+
+// LEVEL and the saved level, ORDER, HISTORY, MAXLEVEL, MAXDEPTH and the four paths, put
+// back after a trap or a report. The paths are retained by the room.
+struct SavedEnv {
+    int32_t level, level_saved, order, history, max_level, max_depth;
+    Cell paths[4];
+};
+Cell* const saved_paths[4] = {&MEV_lib_path, &MEV_read_path, &MEV_write_path, &MEV_package_path};
+void save_env(void* room) {
+    auto& r = *static_cast<SavedEnv*>(room);
+    r = {MEV_level, MEV_level_saved, MEV_order, MEV_history, MEV_max_level, MEV_max_depth, {}};
+    for (int i = 0; i < 4; ++i) r.paths[i] = MMM_retained(*saved_paths[i]);
+}
+void restore_env(const void* room) {
+    const auto& r = *static_cast<const SavedEnv*>(room);
+    MEV_level = r.level;
+    MEV_level_saved = r.level_saved;
+    MEV_order = r.order;
+    MEV_history = r.history;
+    MEV_max_level = r.max_level;
+    MEV_max_depth = r.max_depth;
+    for (int i = 0; i < 4; ++i) {
+        MMM_retain(r.paths[i]);
+        MMM_release(*saved_paths[i]);
+        *saved_paths[i] = r.paths[i];
+    }
+}
+void drop_env(void* room) {
+    auto& r = *static_cast<SavedEnv*>(room);
+    for (Cell& c : r.paths) {
+        MMM_release(c);
+        c = nullptr;
+    }
+}
+
+}  // namespace
+
 void MEV_env_start() {
+    MER_add_state({sizeof(SavedEnv), save_env, restore_env, drop_env});
     for (Cell* root : {&env_idents, &words[0], &words[1], &words[2], &words[3], &protecterror, &write_text,
                        &MEV_lib_path, &MEV_read_path, &MEV_write_path, &MEV_package_path})
         MMM_add_root(root);
@@ -372,9 +413,13 @@ void MEV_env_start() {
     }
 
     MMM_user_protection_hook = run_protecterror;
-    if (const MFN_record* r = MFN_record_by_name("protected")) {
-        MFN_set_routine(r->id, builtin_protected);
-        MEV_set_raw(r->id);
-    }
     MEV_trap_start();
 }
+
+namespace {
+const MFN_builtin builtins[] = {
+    {.name = "protected", .routine = builtin_protected, .raw = true},
+};
+}  // namespace
+
+const MFN_builtin_table MEV_env_builtins = builtins;

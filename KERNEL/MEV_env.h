@@ -27,6 +27,15 @@ extern Cell MEV_read_path;
 extern Cell MEV_write_path;
 extern Cell MEV_package_path;
 
+// The session's directories, from which the paths take their defaults; the session
+// fills them in before the environment variables are made.
+struct MEV_directories_record {
+    std::string lib_dir;
+    std::string package_path;  // directories separated by ';'
+    bool user_packages = true;
+};
+extern MEV_directories_record MEV_directories;
+
 // The directories a file read searches: READPATH's entries, then LIBPATH's.
 std::vector<std::string> MEV_read_directories();
 

@@ -1,7 +1,11 @@
 // The evaluation core: dispatch by category, the legality table, identifiers, calls,
 // arguments and sequences, and the front of the built-ins.
 #include "MEV_eval.h"
+#include "MEV_builtins.h"
 
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -15,8 +19,9 @@
 #include "MMM_ident.h"
 #include "MMM_table.h"
 #include "MPA_reader.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
+void (*MEV_quit_hook)() = nullptr;
 int32_t MEV_level = 100;
 int32_t MEV_level_saved = 100;
 int32_t MEV_max_level = 100;
@@ -251,7 +256,7 @@ Cell eval_proc(Cell c, int context, unsigned flags) {
 }
 
 Cell eval_debug(Cell, int context, unsigned) {
-    MSE_poll();
+    MSY_poll();
     return context == MEV_CONTEXT_STATEMENT ? nullptr : MMM_retained(MMM_NULL);
 }
 
@@ -284,9 +289,21 @@ bool is_constant_name(Cell ident) {
     return n == "PI" || n == "EULER" || n == "CATALAN";
 }
 
+#ifdef TORVA_CHECK
+// A raw body that returned normally must have refused a count its record does not allow.
+void MEV_check_declared_args(const MFN_record* record, Cell e) {
+    const long n = MMM_child_count(e) - 1;
+    if (n >= record->min_args && (record->max_args < 0 || n <= record->max_args)) return;
+    std::fprintf(stderr, "TORVA_CHECK: `%s` accepted %ld arguments; its record declares %d to %d\n", record->name, n,
+                 record->min_args, record->max_args);
+    std::abort();
+}
+#endif
+
 Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
     Cell code = MMM_child(exec, 0);
-    const MFN_code_info& info = MFN_code_of(code);
+    const MFN_record* record = MFN_record_of_code(code);
+    const MFN_routine routine = MMM_code_routine(code);
     // Each built-in finds its own name as the operator of its expression.
     Cell name = MMM_child(MMM_child(exec, 2), 0);
     Cell e;
@@ -295,10 +312,13 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
     } else {
         e = with_operator(expr, MMM_ident(name));
     }
-    if (info.raw) {
+    if (record && record->raw) {
         Cell r;
         try {
-            r = info.routine(e, context, flags, exec);
+            r = routine(e, context, flags, exec);
+#ifdef TORVA_CHECK
+            if (record->min_args >= 0) MEV_check_declared_args(record, e);
+#endif
         } catch (...) {
             MMM_release(e);
             throw;
@@ -308,12 +328,14 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
     }
     Cell result = nullptr;
     try {
-        if (MEV_builtin_front(&e, context, flags, exec, MFN_front_of(info), &result)) {
+        if (MEV_builtin_front(&e, context, flags, exec, MFN_front_of_code(code), &result)) {
             MMM_release(e);
             return result;
         }
-        if (!info.routine) return e;  // no body yet: the call stays as it is
-        result = info.routine(e, context, flags | MEV_ARGS_FLAT, exec);
+        if (!routine) return e;  // no body yet: the call stays as it is
+        if (record && record->min_args >= 0)
+            MEV_need_args(e, record->min_args, record->max_args < 0 ? LONG_MAX : record->max_args);
+        result = routine(e, context, flags | MEV_ARGS_FLAT, exec);
     } catch (...) {
         MMM_release(e);
         throw;
@@ -323,7 +345,7 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
 }
 
 Cell eval_expr(Cell c, int context, unsigned flags) {
-    if (MSE_stack_nearly_full()) MER_raise(1010, "expression nested too deeply");
+    if (MSY_stack_nearly_full()) MER_raise(1010, "expression nested too deeply");
     Cell op;
     if (flags & MEV_OPERATOR_DONE) {
         op = MMM_retained(MMM_child(c, 0));
@@ -434,8 +456,14 @@ Cell builtin_null(Cell e, int, unsigned, Cell) {
     return MMM_retained(MMM_NULL);
 }
 
+Cell condition_eval(Cell condition) { return MEV_eval(condition, MEV_CONTEXT_ARGUMENT, 0); }
+
+}  // namespace
+
+// ---- public ----
+
 // A statement from the top level: a fresh evaluation.
-Cell toplevel_eval(Cell statement) {
+Cell MEV_toplevel_eval(Cell statement) {
     MEV_frame = nullptr;
     MEV_depth = 0;
     MEV_call_depth = 0;
@@ -443,19 +471,13 @@ Cell toplevel_eval(Cell statement) {
     return MEV_eval_stmt(statement);
 }
 
-void reset_after_error() {
+void MEV_reset_after_error() {
     MEV_frame = nullptr;
     MEV_depth = 0;
     MEV_call_depth = 0;
     MEV_value_pending = 0;
     MEV_control = 0;
 }
-
-Cell condition_eval(Cell condition) { return MEV_eval(condition, MEV_CONTEXT_ARGUMENT, 0); }
-
-}  // namespace
-
-// ---- public ----
 
 void MEV_need_args(Cell e, long lo, long hi) {
     const long n = MMM_child_count(e) - 1;
@@ -476,7 +498,7 @@ void MEV_check_legal(int context, Cell value) {
 
 void MEV_tick() {
     MEV_steps = 0;
-    MSE_tick();
+    MSY_tick();
 }
 
 Cell MEV_eval_stmt(Cell cell) {
@@ -604,7 +626,7 @@ Cell MEV_eval_args(Cell expr, unsigned arg_flags, int context, int flatten_mode,
     return e;
 }
 
-bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MEV_front& front, Cell* result) {
+bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MFN_front& front, Cell* result) {
     if (front.column != 100 && context >= 0 && context < ROWS && front.column < COLUMNS)
         if (const uint16_t code = legality[context][front.column]) refuse(code, context);
     int ext = 0;
@@ -656,20 +678,18 @@ void MEV_start() {
     MEV_dispatch[DOM_DEBUG] = eval_debug;
 
 
-    MEV_builtins_start();
     MEV_stmt_start();
-    MSE_frontend.eval = toplevel_eval;
-    MSE_frontend.reset_evaluator = reset_after_error;
     MPA_hooks.eval = condition_eval;
-
-    MFN_set_routine(MFN_ID_EXPRSEQ, builtin_exprseq);
-    MFN_set_routine(MFN_ID_HOLD, builtin_hold);
-    if (const MFN_record* r = MFN_record_by_name("null")) MFN_set_routine(r->id, builtin_null);
-    MEV_set_raw(MFN_ID_HOLD);
-    if (const MFN_record* r = MFN_record_by_name("eval")) MFN_set_routine(r->id, builtin_eval);
-    if (const MFN_record* r = MFN_record_by_name("level")) {
-        MFN_set_routine(r->id, builtin_level);
-        MEV_set_raw(r->id);
-    }
-    // `context` works on activations and comes with the procedure module.
 }
+
+namespace {
+const MFN_builtin builtins[] = {
+    {.name = "_exprseq", .routine = builtin_exprseq},
+    {.name = "hold", .routine = builtin_hold, .raw = true},
+    {.name = "null", .routine = builtin_null},
+    {.name = "eval", .routine = builtin_eval},
+    {.name = "level", .routine = builtin_level, .raw = true},
+};
+}  // namespace
+
+const MFN_builtin_table MEV_eval_builtins = builtins;

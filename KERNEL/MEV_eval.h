@@ -3,13 +3,14 @@
 
 #include <cstdint>
 
+#include "MFN_table.h"
 #include "MMM_cell.h"
 #include "MMM_values.h"
 
 // Evaluation contexts besides the operator ids 1-19 and 24-28.
 constexpr int MEV_CONTEXT_STATEMENT = 0;
 constexpr int MEV_CONTEXT_FREE = 1;
-constexpr int MEV_CONTEXT_ARGUMENT = 22;
+constexpr int MEV_CONTEXT_ARGUMENT = MFN_ARGUMENT_CONTEXT;
 
 // Evaluation flags.
 constexpr unsigned MEV_HOLD = 2;
@@ -65,23 +66,13 @@ Cell MEV_eval_args(Cell expr, unsigned arg_flags, int context, int flatten_mode,
 // changed.
 bool MEV_flatten(Cell* expr, int mode);
 
-// The front of a built-in.
-struct MEV_front {
-    unsigned arg_flags = 0;
-    int flatten_mode = 2;
-    int arg_context = MEV_CONTEXT_ARGUMENT;
-    int column = 100;  // 100: no legality test of the call itself
-    unsigned overload_flags = 0;
-    int from = 1;
-    int to = -1;
-};
 // Evaluates the arguments of *expr as the front says (the expression is replaced by the
 // one with the values). Gives true when *result is already the answer: a stored result,
 // an overloading slot, or the held expression.
-bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MEV_front& front, Cell* result);
+bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MFN_front& front, Cell* result);
 // The same for built-ins that allow FAIL among their arguments: a FAIL argument makes
 // the result FAIL.
-bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MEV_front front, Cell* result);
+bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MFN_front front, Cell* result);
 // The front of a built-in that takes its arguments unevaluated: the legality test only,
 // and in hold mode the expression with evaluated arguments as the result.
 bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column);
@@ -97,13 +88,12 @@ void MEV_need_args(Cell expr, long lo, long hi);
 void MEV_check_legal(int context, Cell value);
 uint16_t MEV_legality(int row, int column);
 
-// How the evaluator calls the body of a built-in. By default it runs the front first
-// (arguments evaluated in the context of the operator's id for ids 1-29, else in
-// argument context, flattened, stored results and overloading looked at) and then calls
-// the body with the evaluated expression. A raw built-in gets its expression as it
-// stands and runs its own front.
-void MEV_set_front(int id, const MEV_front& front);
-void MEV_set_raw(int id);
+// How the evaluator calls the body of a built-in (the registry entry says which way, see
+// MFN_builtin): by default it runs the record's front first (arguments evaluated in the
+// context of the operator's id for ids 1-29, else in argument context, flattened, stored
+// results and overloading looked at), checks the declared argument count, and then calls
+// the body with the evaluated expression. A raw built-in gets its expression as it stands
+// and runs its own front.
 
 // Procedures and closures come with the procedure module; it installs these.
 struct MEV_procedure_hooks_record {
@@ -113,7 +103,15 @@ struct MEV_procedure_hooks_record {
 };
 extern MEV_procedure_hooks_record MEV_procedure_hooks;
 
+// Called by `quit` once the statement has asked to end the session (the session installs
+// it; it ends the main loop once the command is over).
+extern void (*MEV_quit_hook)();
+
+// The session's entries: a statement from the top level (a fresh evaluation, new
+// reference), and the evaluator's state cleared after an error reached the top level.
+Cell MEV_toplevel_eval(Cell statement);
+void MEV_reset_after_error();
+
 // Sets up the dispatch and legality tables and the evaluator's state; binds the entry
 // points into the session and the parser.
 void MEV_start();
-void MEV_builtins_start();

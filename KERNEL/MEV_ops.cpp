@@ -1,6 +1,7 @@
 // Structure operands: the operand rules of every category and the built-ins nops, op,
 // subsop, extnops, extop, extsubsop, type, domtype, testtype and contains.
 #include "MEV_ops.h"
+#include "MEV_builtins.h"
 
 #include <pari/pari.h>
 
@@ -20,7 +21,7 @@
 #include "MMM_table.h"
 #include "MMM_values.h"
 
-MSU_domain_hooks_record MSU_domain_hooks;
+MEV_domain_hooks_record MEV_domain_hooks;
 
 namespace {
 
@@ -90,7 +91,7 @@ Cell call_of(int id, std::initializer_list<Cell> operands) {
 Cell as_operand(Cell c) {
     if (!c) return MMM_retained(MMM_NULL);
     if (MMM_kind_of(c) == MMM_NODE) return MMM_retained(c);
-    if (MMM_kind_of(c) == MMM_CODE) return MAR_from_long(MFN_code_of(c).code);
+    if (MMM_kind_of(c) == MMM_CODE) return MAR_from_long(MMM_code_of(c).code);
     return MMM_retained(MMM_NIL);
 }
 
@@ -146,7 +147,7 @@ bool table_entry(Cell t, long i, Cell* key, Cell* value) {
 
 // ---- operand rules by category ----
 
-MSU_operand_rules rules[MMM_CATEGORY_COUNT];
+MEV_operand_rules rules[MMM_CATEGORY_COUNT];
 
 [[noreturn]] void no_operand() { MER_raise(1015, "subsop"); }
 [[noreturn]] void not_allowed() { MER_raise(1018, "subsop"); }
@@ -348,10 +349,10 @@ Cell expr_replace(Cell x, long i, Cell v) {
 
 // A domain element answers nops through its domain's slot when it has one.
 long ext_nops(Cell x) {
-    if (MSU_domain_hooks.slot && MSU_domain_hooks.call && MMM_child_count(x) >= 1) {
-        Owned slot(MSU_domain_hooks.slot(MMM_child(x, 0), "nops"));
+    if (MEV_domain_hooks.slot && MEV_domain_hooks.call && MMM_child_count(x) >= 1) {
+        Owned slot(MEV_domain_hooks.slot(MMM_child(x, 0), "nops"));
         if (slot.c && slot.c != MMM_FAIL) {
-            Owned n(MSU_domain_hooks.call(slot.c, x, nullptr));
+            Owned n(MEV_domain_hooks.call(slot.c, x, nullptr));
             if (!n.c || MMM_category(n.c) != DOM_INT) MER_raise(1001, "nops");
             return MAR_small_int(n.c);
         }
@@ -371,8 +372,8 @@ Cell rest_op(Cell x, long i) {
 }
 Cell rest_replace(Cell, long, Cell) { no_operand(); }
 
-const MSU_operand_rules& rules_of(Cell x) {
-    static const MSU_operand_rules rest{rest_nops, rest_op, rest_replace};
+const MEV_operand_rules& rules_of(Cell x) {
+    static const MEV_operand_rules rest{rest_nops, rest_op, rest_replace};
     const int cat = MMM_category(x);
     if (cat < 0 || cat >= MMM_CATEGORY_COUNT || !rules[cat].nops) return rest;
     return rules[cat];
@@ -385,7 +386,7 @@ struct RuleTable {
 };
 
 RuleTable::RuleTable() {
-    const MSU_operand_rules atom{atom_nops, atom_op, atom_replace};
+    const MEV_operand_rules atom{atom_nops, atom_op, atom_replace};
     for (int c : {CAT_BIG_INT, DOM_INT, DOM_FLOAT, DOM_STRING, DOM_BOOL, DOM_NIL, DOM_IDENT, DOM_FAIL}) rules[c] = atom;
     rules[DOM_FRAME] = {atom_nops, atom_op, frame_replace};
     rules[DOM_NULL] = {null_nops, null_op, null_replace};
@@ -406,8 +407,8 @@ RuleTable rule_table;
 
 // With `ext` (extop, extnops, extsubsop), a domain element shows its children as an
 // expression does, whatever its domain says.
-const MSU_operand_rules& rules_for(Cell x, bool ext) {
-    static const MSU_operand_rules children{expr_nops, expr_op, expr_replace};
+const MEV_operand_rules& rules_for(Cell x, bool ext) {
+    static const MEV_operand_rules children{expr_nops, expr_op, expr_replace};
     return ext && MMM_is_node(x, DOM_EXT) ? children : rules_of(x);
 }
 
@@ -591,17 +592,17 @@ Cell builtin_type(Cell e, int context, unsigned flags, Cell) {
         if (Cell t = function_type(x.c, head)) return MMM_retained(t);
         return MMM_string_value("function");
     }
-    return MSU_domain_of(x.c);
+    return MEV_domain_of(x.c);
 }
 
 Cell builtin_domtype(Cell e, int, unsigned, Cell) {
     if (MEV_nargs(e) != 1) MER_raise(1004, "domtype");
-    return MSU_domain_of(MEV_arg(e, 1));
+    return MEV_domain_of(MEV_arg(e, 1));
 }
 
 // The answer of a testtype slot: TRUE or FALSE decide, FAIL is none (null).
 Cell slot_answer(Cell slot, Cell x, Cell t) {
-    Owned r(MSU_domain_hooks.call(slot, x, t));
+    Owned r(MEV_domain_hooks.call(slot, x, t));
     if (r.c == MMM_FAIL) return nullptr;
     if (r.c != MMM_TRUE && r.c != MMM_FALSE) MER_raise(1038, "testtype");
     return r.take();
@@ -613,19 +614,19 @@ Cell builtin_testtype(Cell e, int context, unsigned flags, Cell) {
     if (MEV_nargs(e) != 2) MER_raise(1004, "testtype");
     Owned x(eval_one_level_less(MEV_arg(e, 1)));
     Owned t(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
-    Owned domain(MSU_domain_of(x.c));
+    Owned domain(MEV_domain_of(x.c));
     if (MCM_equal(t.c, domain.c)) return MMM_retained(MMM_TRUE);
     if (MMM_is_node(t.c, DOM_STRING)) {
         Owned head;
         Cell type = function_type(x.c, head);
         if (type && MCM_equal(type, t.c)) return MMM_retained(MMM_TRUE);
     }
-    if (!MSU_domain_hooks.slot || !MSU_domain_hooks.call) return MMM_retained(MMM_FALSE);
-    Owned own_slot(MSU_domain_hooks.slot(domain.c, "testtype"));
+    if (!MEV_domain_hooks.slot || !MEV_domain_hooks.call) return MMM_retained(MMM_FALSE);
+    Owned own_slot(MEV_domain_hooks.slot(domain.c, "testtype"));
     if (own_slot.c && own_slot.c != MMM_FAIL)
         if (Cell r = slot_answer(own_slot.c, x.c, t.c)) return r;
-    Owned type_domain(MMM_is_node(t.c, DOM_DOMAIN) ? MMM_retained(t.c) : MSU_domain_of(t.c));
-    Owned type_slot(MSU_domain_hooks.slot(type_domain.c, "testtype"));
+    Owned type_domain(MMM_is_node(t.c, DOM_DOMAIN) ? MMM_retained(t.c) : MEV_domain_of(t.c));
+    Owned type_slot(MEV_domain_hooks.slot(type_domain.c, "testtype"));
     if (type_slot.c && type_slot.c != MMM_FAIL)
         if (Cell r = slot_answer(type_slot.c, x.c, t.c)) return r;
     return MMM_retained(MMM_FALSE);
@@ -662,29 +663,25 @@ Cell builtin_contains(Cell e, int, unsigned, Cell) {
     return truth(false);
 }
 
-int id_of(const char* name) {
-    const MFN_record* r = MFN_record_by_name(name);
-    return r ? r->id : 0;
-}
 
 }  // namespace
 
-void MSU_set_operand_rules(int category, const MSU_operand_rules& r) {
+void MEV_set_operand_rules(int category, const MEV_operand_rules& r) {
     if (category < 0 || category >= MMM_CATEGORY_COUNT) return;
-    MSU_operand_rules& to = rules[category];
-    const MSU_operand_rules fallback{rest_nops, rest_op, rest_replace};
+    MEV_operand_rules& to = rules[category];
+    const MEV_operand_rules fallback{rest_nops, rest_op, rest_replace};
     to.nops = r.nops ? r.nops : (to.nops ? to.nops : fallback.nops);
     to.op = r.op ? r.op : (to.op ? to.op : fallback.op);
     to.replace = r.replace ? r.replace : (to.replace ? to.replace : fallback.replace);
 }
 
-long MSU_nops(Cell x) { return rules_of(x).nops(x); }
+long MEV_nops(Cell x) { return rules_of(x).nops(x); }
 
-Cell MSU_op(Cell x, long i) { return rules_of(x).op(x, i); }
+Cell MEV_op(Cell x, long i) { return rules_of(x).op(x, i); }
 
-Cell MSU_replace_operand(Cell x, long i, Cell v) { return rules_of(x).replace(x, i, v); }
+Cell MEV_replace_operand(Cell x, long i, Cell v) { return rules_of(x).replace(x, i, v); }
 
-Cell MSU_domain_of(Cell x) {
+Cell MEV_domain_of(Cell x) {
     if (MMM_is_node(x, DOM_EXT) && MMM_child_count(x) >= 1) return MMM_retained(MMM_child(x, 0));
     const char* name = MMM_category_name(MMM_category(x));
     if (!name) return MMM_retained(MMM_FAIL);
@@ -704,23 +701,21 @@ void MEV_ops_start() {
     MMM_add_root(&unsimplified);
     unsimplified = MMM_ident_named("Unsimplified");
 
-    struct Body {
-        const char* name;
-        MFN_routine fn;
-        bool raw;
-    };
-    const Body bodies[] = {
-        {"nops", builtin_nops, false},       {"op", builtin_op_plain, false},
-        {"subsop", builtin_subsop, false},   {"extnops", builtin_extnops, false},
-        {"extop", builtin_extop, false},     {"extsubsop", builtin_extsubsop, false},
-        {"type", builtin_type, true},        {"domtype", builtin_domtype, false},
-        {"testtype", builtin_testtype, true}, {"contains", builtin_contains, false},
-    };
-    for (const Body& b : bodies) {
-        const int id = id_of(b.name);
-        if (!id) continue;
-        MFN_set_routine(id, b.fn);
-        if (b.raw) MEV_set_raw(id);
-    }
-    MEV_containers_start();
 }
+
+namespace {
+const MFN_builtin builtins[] = {
+    {.name = "nops", .routine = builtin_nops},
+    {.name = "op", .routine = builtin_op_plain},
+    {.name = "subsop", .routine = builtin_subsop},
+    {.name = "extnops", .routine = builtin_extnops},
+    {.name = "extop", .routine = builtin_extop},
+    {.name = "extsubsop", .routine = builtin_extsubsop},
+    {.name = "type", .routine = builtin_type, .raw = true},
+    {.name = "domtype", .routine = builtin_domtype},
+    {.name = "testtype", .routine = builtin_testtype, .raw = true},
+    {.name = "contains", .routine = builtin_contains},
+};
+}  // namespace
+
+const MFN_builtin_table MEV_operand_builtins = builtins;

@@ -247,7 +247,7 @@ void check_hidden_body(Cell body) {
     if (is_cat(body, DOM_EXPR) && is_cat(MMM_child(body, 0), DOM_IDENT)) {
         Cell v = MMM_value(MMM_child(body, 0));
         ok = is_cat(v, DOM_FUNC_ENV) && is_cat(MMM_child(v, 0), DOM_EXEC) &&
-             MFN_code_of(MMM_child(MMM_child(v, 0), 0)).code == 913;
+             MMM_code_of(MMM_child(MMM_child(v, 0), 0)).code == 913;
         MMM_release(v);
     }
     if (!ok) MER_raise(1001, "function evaluation");
@@ -258,11 +258,11 @@ void check_hidden_body(Cell body) {
 // Puts a saved value back in the current frame; nothing happens when it is there already.
 void restore_name(Cell ident, Cell value) {
     if (!is_cat(ident, DOM_IDENT)) return;
-    Cell now = MMM_value_in(ident, MEV_current_frame, true);
+    Cell now = MMM_value_in(ident, MMM_current_frame, true);
     const bool same = now == value;
     MMM_release(now);
     if (same) return;
-    MMM_release(MMM_set_value(ident, value, MMM_SET_PRIVILEGED | (value ? 0 : MMM_SET_NIL_DELETES), MEV_current_frame));
+    MMM_release(MMM_set_value(ident, value, MMM_SET_PRIVILEGED | (value ? 0 : MMM_SET_NIL_DELETES), MMM_current_frame));
 }
 
 // ---- locals ----
@@ -514,7 +514,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         for (long k = 0; k < nsaved; ++k) {
             Cell id = item(field[MEV_PF_SAVED], k);
             if (!is_cat(id, DOM_IDENT)) continue;
-            c[MEV_AC_SAVED + 2 * k] = MMM_value_in(id, MEV_current_frame, true);
+            c[MEV_AC_SAVED + 2 * k] = MMM_value_in(id, MMM_current_frame, true);
             c[MEV_AC_SAVED + 2 * k + 1] = MMM_retained(MMM_NIL);
         }
         // 14. Arguments.
@@ -693,7 +693,7 @@ void MEV_frame_save(Cell ident) {
     Cell a = MEV_frame;
     Cell t = MMM_new(MMM_TRIPLE, 0, 3);
     MMM_children(t)[0] = MMM_retained(ident);
-    MMM_children(t)[1] = MMM_value_in(ident, MEV_current_frame, true);
+    MMM_children(t)[1] = MMM_value_in(ident, MMM_current_frame, true);
     Cell& chain = MMM_children(a)[MEV_AC_RESTORE];
     MMM_children(t)[2] = chain ? chain : MMM_retained(MMM_NIL);
     MMM_sign(t);
@@ -830,7 +830,7 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
         MMM_set_node_flags(made, MEV_PROC_NORMALISED | MEV_PROC_REMEMBER | MEV_PROC_CLOSED);
         MMM_sign(made);
         try {
-            MMM_release(MMM_set_value(f, made, 0, MEV_current_frame));
+            MMM_release(MMM_set_value(f, made, 0, MMM_current_frame));
         } catch (...) {
             MMM_release(made);
             throw;
@@ -871,7 +871,7 @@ void MEV_proc_start() {
     MEV_procedure_hooks.closure = MEV_bind_closure;
     MEV_variable_writer = write_local;
     MPA_hooks.procdef = procdef_from_reader;
+    MPA_hooks.running_scopes = MEV_running_scopes;
     MOU_hooks.var_name = printer_var_name;
     MER_set_context_routine(context_name);
-    MEV_proc_builtins_start();
 }

@@ -136,4 +136,3 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value);
 // Registers the built-ins and installs the evaluator's, the parser's, the printer's and
 // the error report's hooks. Before MEV_start.
 void MEV_proc_start();
-void MEV_proc_builtins_start();

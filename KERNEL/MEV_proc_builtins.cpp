@@ -3,6 +3,7 @@
 #include <string>
 
 #include "MAR_numbers.h"
+#include "MEV_builtins.h"
 #include "MER_error.h"
 #include "MEV_eval.h"
 #include "MEV_proc.h"
@@ -174,18 +175,16 @@ Cell builtin_copy_closure(Cell e, int, unsigned, Cell) {
     return MEV_copy_closure(MEV_arg(e, 1));
 }
 
+const MFN_builtin builtins[] = {
+    {.name = "_procdef", .routine = builtin_procdef, .raw = true},
+    {.name = "args", .routine = builtin_args},
+    {.name = "last", .routine = builtin_last},
+    {.name = "context", .routine = builtin_context, .raw = true},
+    {.name = "_act_proc_env", .routine = builtin_act_proc_env},
+    {.name = "_eval_entry", .routine = builtin_eval_entry},
+    {.name = "copyClosure", .routine = builtin_copy_closure},
+};
+
 }  // namespace
 
-void MEV_proc_builtins_start() {
-    MFN_set_routine(MFN_ID_PROCDEF, builtin_procdef);
-    MEV_set_raw(MFN_ID_PROCDEF);
-    MFN_set_routine(MFN_ID_ARGS, builtin_args);
-    MFN_set_routine(MFN_ID_LAST, builtin_last);
-    if (const MFN_record* r = MFN_record_by_name("context")) {
-        MFN_set_routine(r->id, builtin_context);
-        MEV_set_raw(r->id);
-    }
-    MFN_set_routine(MFN_ID_ACT_PROC_ENV, builtin_act_proc_env);
-    MFN_set_routine(MFN_ID_EVAL_ENTRY, builtin_eval_entry);
-    if (const MFN_record* r = MFN_record_by_name("copyClosure")) MFN_set_routine(r->id, builtin_copy_closure);
-}
+const MFN_builtin_table MEV_proc_builtins = builtins;

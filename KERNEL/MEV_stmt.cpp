@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "MAR_numbers.h"
+#include "MEV_builtins.h"
 #include "MCM_equal.h"
 #include "MER_error.h"
 #include "MEV_containers.h"
@@ -15,7 +16,6 @@
 #include "MMM_ident.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
-#include "MSE_session.h"
 
 namespace {
 
@@ -67,7 +67,7 @@ void clear_last_value() {
 // Assigns to an identifier in the current frame, or to a procedure's local.
 void assign_variable(Cell var, Cell value, unsigned flags) {
     if (MMM_category(var) == DOM_IDENT) {
-        MMM_release(MMM_set_value(var, value, flags, MEV_current_frame));
+        MMM_release(MMM_set_value(var, value, flags, MMM_current_frame));
     } else if (MMM_category(var) == DOM_VAR) {
         if (!MEV_variable_writer) MER_raise(1049, nullptr);
         MEV_variable_writer(var, value);
@@ -188,7 +188,7 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
 // frame's binding when it is there, so that an unshared container is not copied.
 Cell take_for_writing(Cell target) {
     if (MMM_category(target) == DOM_IDENT) {
-        Cell b = MMM_binding_find(target, MEV_current_frame);
+        Cell b = MMM_binding_find(target, MMM_current_frame);
         if (b && MMM_child(b, 0)) {
             Cell v = MMM_children(b)[0];
             MMM_children(b)[0] = nullptr;
@@ -570,7 +570,7 @@ Cell stmt_quit(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
     MEV_control = 2;
-    MSE_session.control_state = 2;
+    if (MEV_quit_hook) MEV_quit_hook();
     return closing(context);
 }
 
@@ -599,7 +599,7 @@ Cell stmt_delete(Cell e, int context, unsigned flags, unsigned set_flags) {
     for (long i = 1; i < MMM_child_count(e); ++i) {
         Cell x = MEV_arg(e, i);
         if (is_call_of(x, MFN_ID_INDEX)) assign_index(x, nullptr, set_flags);
-        else if (MMM_category(x) == DOM_IDENT) MMM_release(MMM_set_value(x, nullptr, set_flags | MMM_SET_NIL_DELETES, MEV_current_frame));
+        else if (MMM_category(x) == DOM_IDENT) MMM_release(MMM_set_value(x, nullptr, set_flags | MMM_SET_NIL_DELETES, MMM_current_frame));
         else if (MMM_category(x) == DOM_VAR) assign_variable(x, MMM_NIL, set_flags);
         else MER_raise(1011, nullptr);
     }
@@ -629,16 +629,16 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
     Cell saved = nullptr;
     const bool ident = MMM_category(var) == DOM_IDENT;
     if (ident) {
-        Cell b = MMM_binding_find(var, MEV_current_frame);
+        Cell b = MMM_binding_find(var, MMM_current_frame);
         saved = b ? MMM_child(b, 0) : nullptr;
         MMM_retain(saved);
     }
     auto restore = [&] {
-        if (ident) MMM_release(MMM_set_value(var, saved, 0, MEV_current_frame));
+        if (ident) MMM_release(MMM_set_value(var, saved, 0, MMM_current_frame));
         MMM_release(saved);
     };
     try {
-        if (ident) MMM_release(MMM_set_value(var, MMM_NULL, 0, MEV_current_frame));
+        if (ident) MMM_release(MMM_set_value(var, MMM_NULL, 0, MMM_current_frame));
         for (Cell v : values) {
             assign_variable(var, v, 0);
             Cell r = MEV_eval(body, MEV_CONTEXT_ARGUMENT, 0);
@@ -932,26 +932,38 @@ int MEV_bool(Cell cond) {
 }
 
 void MEV_stmt_start() {
-    struct Raw {
-        int id;
-        MFN_routine fn;
-    };
-    const Raw raw[] = {
-        {MFN_ID_STMTSEQ, stmt_stmtseq}, {MFN_ID_ASSIGN, stmt_assign_plain}, {MFN_ID_SYSASSIGN, stmt_sysassign},
-        {MFN_ID_IF, stmt_if},           {MFN_ID_CASE, stmt_case},           {MFN_ID_FOR, stmt_for_up},
-        {MFN_ID_FOR_DOWN, stmt_for_down}, {MFN_ID_FOR_IN, stmt_for_in},     {MFN_ID_WHILE, stmt_while},
-        {MFN_ID_REPEAT, stmt_repeat},   {MFN_ID_NEXT, stmt_next},           {MFN_ID_BREAK, stmt_break},
-        {MFN_ID_QUIT, stmt_quit},       {MFN_ID_DELETE, stmt_delete_plain}, {MFN_ID_SYSDELETE, stmt_sysdelete},
-        {MFN_ID_SAVE, stmt_save},       {MFN_ID_LAZY_AND, builtin_lazy_and}, {MFN_ID_LAZY_OR, builtin_lazy_or},
-        {MFN_ID_SEQGEN, builtin_seqgen}, {MFN_ID_SEQSTEP, builtin_seqgen},  {MFN_ID_SEQIN, builtin_seqin},
-    };
-    for (const Raw& r : raw) {
-        MFN_set_routine(r.id, r.fn);
-        MEV_set_raw(r.id);
-    }
-    MFN_set_routine(MFN_ID_RETURN, builtin_return);
-    MFN_set_routine(MFN_ID_INDEX, builtin_index);
-    MFN_set_routine(MFN_ID_NOT, builtin_not);
-    MFN_set_routine(MFN_ID_AND, builtin_and_or);
-    MFN_set_routine(MFN_ID_OR, builtin_and_or);
 }
+
+namespace {
+// Statements take their operands unevaluated.
+const MFN_builtin builtins[] = {
+    {.name = "_stmtseq", .routine = stmt_stmtseq, .raw = true},
+    {.name = "_assign", .routine = stmt_assign_plain, .raw = true},
+    {.name = "sysassign", .routine = stmt_sysassign, .raw = true},
+    {.name = "_if", .routine = stmt_if, .raw = true},
+    {.name = "_case", .routine = stmt_case, .raw = true},
+    {.name = "_for", .routine = stmt_for_up, .raw = true},
+    {.name = "_for_down", .routine = stmt_for_down, .raw = true},
+    {.name = "_for_in", .routine = stmt_for_in, .raw = true},
+    {.name = "_while", .routine = stmt_while, .raw = true},
+    {.name = "_repeat", .routine = stmt_repeat, .raw = true},
+    {.name = "_next", .routine = stmt_next, .raw = true},
+    {.name = "_break", .routine = stmt_break, .raw = true},
+    {.name = "_quit", .routine = stmt_quit, .raw = true},
+    {.name = "_delete", .routine = stmt_delete_plain, .raw = true},
+    {.name = "sysdelete", .routine = stmt_sysdelete, .raw = true},
+    {.name = "_save", .routine = stmt_save, .raw = true},
+    {.name = "_lazy_and", .routine = builtin_lazy_and, .raw = true},
+    {.name = "_lazy_or", .routine = builtin_lazy_or, .raw = true},
+    {.name = "_seqgen", .routine = builtin_seqgen, .raw = true},
+    {.name = "_seqstep", .routine = builtin_seqgen, .raw = true},
+    {.name = "_seqin", .routine = builtin_seqin, .raw = true},
+    {.name = "return", .routine = builtin_return},
+    {.name = "_index", .routine = builtin_index},
+    {.name = "_not", .routine = builtin_not},
+    {.name = "_and", .routine = builtin_and_or},
+    {.name = "_or", .routine = builtin_and_or},
+};
+}  // namespace
+
+const MFN_builtin_table MEV_stmt_builtins = builtins;

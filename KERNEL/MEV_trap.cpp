@@ -3,6 +3,7 @@
 #include <string>
 
 #include "MAR_numbers.h"
+#include "MEV_builtins.h"
 #include "MER_error.h"
 #include "MEV_env.h"
 #include "MEV_eval.h"
@@ -28,10 +29,10 @@ struct TimeLimit {
     void start(long seconds) {
         timed = true;
         outer = active_deadline;
-        const long mine = MSE_monotonic_ms() + seconds * 1000;
+        const long mine = MSY_monotonic_ms() + seconds * 1000;
         own = !outer || mine < outer;
         active_deadline = own ? mine : outer;
-        MSE_time_limit_set(active_deadline);
+        MSY_time_limit_set(active_deadline);
     }
 
     // Gives the outer deadline back to the timer; true when it has passed meanwhile.
@@ -40,14 +41,14 @@ struct TimeLimit {
         timed = false;
         active_deadline = outer;
         if (!outer) {
-            MSE_time_limit_cancel();
+            MSY_time_limit_cancel();
             return false;
         }
-        if (MSE_monotonic_ms() >= outer) {
-            MSE_time_limit_cancel();
+        if (MSY_monotonic_ms() >= outer) {
+            MSY_time_limit_cancel();
             return true;
         }
-        MSE_time_limit_set(outer);
+        MSY_time_limit_set(outer);
         return false;
     }
 };
@@ -154,20 +155,16 @@ Cell builtin_getlasterror(Cell e, int, unsigned, Cell) {
     return l;
 }
 
-void set(const char* name, MFN_routine fn, bool raw) {
-    const MFN_record* r = MFN_record_by_name(name);
-    if (!r) return;
-    MFN_set_routine(r->id, fn);
-    if (raw) MEV_set_raw(r->id);
-}
+const MFN_builtin builtins[] = {
+    {.name = "traperror", .routine = builtin_traperror, .raw = true},
+    {.name = "error", .routine = builtin_error},
+    {.name = "warning", .routine = builtin_warning},
+    {.name = "lasterror", .routine = builtin_lasterror},
+    {.name = "getlasterror", .routine = builtin_getlasterror},
+};
 
 }  // namespace
 
-void MEV_trap_start() {
-    active_deadline = 0;
-    set("traperror", builtin_traperror, true);
-    set("error", builtin_error, false);
-    set("warning", builtin_warning, false);
-    set("lasterror", builtin_lasterror, false);
-    set("getlasterror", builtin_getlasterror, false);
-}
+const MFN_builtin_table MEV_trap_builtins = builtins;
+
+void MEV_trap_start() { active_deadline = 0; }

@@ -1,41 +1,25 @@
 // Function environments: the records of the function table as language values, bound
-// to their names, and the code cells through which the evaluator reaches a routine.
+// to their names.
+//
+// Each record becomes a DOM_FUNC_ENV (evaluator DOM_EXEC, printer DOM_EXEC, attribute
+// table) bound to the identifier of its name at kernel protection. The evaluator DOM_EXEC
+// holds the record's code cell, whose raw data points into the record: the evaluator reads
+// the routine, the front and `raw` from there at each call. The environments made at start
+// are kept in MFN_envs, so that `reset()` can bind them again whatever the user did.
 #pragma once
 
-#include <cstdint>
-
-#include "MEV_eval.h"
 #include "MFN_table.h"
 #include "MMM_cell.h"
 
-// The raw data of an MMM_CODE cell: the code number first (its signature), then how the
-// evaluator calls the routine.
-struct MFN_code_info {
-    int32_t code;
-    uint16_t raw;    // the routine takes its expression unevaluated
-    uint16_t front;  // index of its front (argument handling)
-    MFN_routine routine;
-};
-static_assert(sizeof(MFN_code_info) == 16);
-
-inline const MFN_code_info& MFN_code_of(Cell code_cell) {
-    return *reinterpret_cast<const MFN_code_info*>(code_cell->data);
-}
-const MEV_front& MFN_front_of(const MFN_code_info& info);
-
-// The one code cell of a code number, made on first use (borrowed).
-Cell MTR_code_cell(MFN_routine routine, int number);
-// The number of a code cell as an integer cell (new reference); fatal if unknown.
-Cell MTR_find_number_for_code(Cell code_cell);
-// The code cell of a number, or null (borrowed).
-Cell MTR_find_code_for_number(int number);
-
-// The identifier of a built-in by id, and its environment.
-Cell MFN_name(int id);  // the interned name (borrowed)
+// The identifier of a built-in by id, and its name.
+Cell MFN_name(int id);       // the interned name (borrowed)
 Cell MFN_call_text(int id);  // a new DOM_STRING with the name
 
-// Makes the environments of all functions and binds them at kernel protection. Call
-// after every module has registered its bodies and fronts.
+// Interns every name of the table and makes the identifiers of the function ids (what
+// MMM_ident_by_id gives); once, right after the identifier table, before any module
+// starts that names a function by id.
+void MFN_names_start();
+// Makes the environments of all functions and binds them at kernel protection.
 void MFN_start();
 // Binds every identifier again to the environment made at start.
 void MFN_reset();

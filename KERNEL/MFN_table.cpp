@@ -5,10 +5,12 @@
 #include <cstring>
 #include <map>
 
+#include "MSY_process.h"
+
 namespace {
 
-// The records. Every routine starts null; the modules that implement a function give it
-// its body by id. Ids and codes are constants of the stored format.
+// The records. Every routine starts null; the registry gives each its body. Ids and codes
+// are constants of the stored format.
 
 constinit MFN_special_record special_records[] = {
     // kind, id, name, routine, code; print routine, print code, priority, print text
@@ -316,10 +318,13 @@ constinit const std::array<MFN_record*, record_count> walk_order = [] {
     return a;
 }();
 
+// Which parts of a record the registry has given.
+constexpr uint8_t GIVEN_ROUTINE = 1, GIVEN_NUMERIC = 2, GIVEN_PRINTER = 4, GIVEN_FRONT = 8, GIVEN_ARGS = 16;
+
 struct Index {
     std::array<MFN_record*, MFN_ID_COUNT> by_id{};
     std::vector<MFN_record*> by_name;  // sorted by name
-    std::vector<MTR_code_entry> codes;  // sorted by code, one entry per (code, role)
+    std::vector<MFN_code_entry> codes;  // sorted by code, one entry per (code, role)
 };
 
 struct Use {
@@ -355,8 +360,12 @@ void collect_uses(const MFN_record* r, std::vector<Use>& out) {
 const Index& table_index() {
     static const Index idx = [] {
         Index x;
-        for (MFN_record* r : walk_order)
+        for (MFN_record* r : walk_order) {
             if (r->id >= 0 && r->id < MFN_ID_COUNT && !x.by_id[r->id]) x.by_id[r->id] = r;
+            // Operators take their operands in their own context.
+            const bool op = (r->id >= 1 && r->id <= 19) || (r->id >= 24 && r->id <= 28);
+            if (op && !(r->given & GIVEN_FRONT)) r->front.arg_context = r->id;
+        }
         x.by_name.assign(walk_order.begin(), walk_order.end());
         std::stable_sort(x.by_name.begin(), x.by_name.end(), [](auto a, auto b) {
             return std::strcmp(a->name, b->name) < 0;
@@ -364,7 +373,7 @@ const Index& table_index() {
         std::vector<Use> uses;
         for (MFN_record* r : walk_order) collect_uses(r, uses);
         for (const Use& u : uses) {
-            auto it = std::find_if(x.codes.begin(), x.codes.end(), [&](const MTR_code_entry& e) {
+            auto it = std::find_if(x.codes.begin(), x.codes.end(), [&](const MFN_code_entry& e) {
                 return e.code == u.code && e.role == u.role;
             });
             if (it == x.codes.end())
@@ -443,42 +452,124 @@ MFN_print_routine MFN_special_print_routine(const MFN_record* r) {
                                   : nullptr;
 }
 
-// Gives `fn` to the slot `get` selects in every record that carries `code` in `role`,
-// unless one of them holds another body already.
-template <class Fn, class Get>
-static bool set_for_code(int code, MTR_role role, Fn fn, Get get) {
-    std::vector<Fn*> slots;
+// ---- the registry ----
+
+namespace {
+
+const MFN_front default_front{};
+
+// The records that carry `code` in `role`.
+std::vector<MFN_record*> carriers(int code, MTR_role role) {
+    std::vector<MFN_record*> out;
+    std::vector<Use> uses;
     for (MFN_record* r : walk_order) {
-        std::vector<Use> uses;
+        uses.clear();
         collect_uses(r, uses);
         for (const Use& u : uses)
-            if (u.code == code && u.role == role) slots.push_back(get(r));
+            if (u.code == code && u.role == role) out.push_back(r);
     }
-    if (fn)
-        for (Fn* s : slots)
-            if (*s && *s != fn) return false;
-    for (Fn* s : slots) *s = fn;
-    return true;
+    return out;
 }
 
-bool MFN_set_routine(int id, MFN_routine fn) {
-    MFN_record* r = mutable_by_id(id);
-    if (!r) return false;
-    return set_for_code(r->code, MTR_EVALUATOR, fn, [](MFN_record* x) { return &x->routine; });
+MFN_routine* numeric_slot(MFN_record* r) { return &static_cast<MFN_math_record*>(r)->numeric_routine; }
+MFN_print_routine* printer_slot(MFN_record* r) { return &static_cast<MFN_special_record*>(r)->print_routine; }
+
+// A routine given to one record of a shared code is given to every carrier: the code cell
+// names one routine. A carrier that holds a different routine already is a fault.
+std::string check_shared(const MFN_builtin& b, int code, MTR_role role, MFN_routine fn,
+                         MFN_routine* (*slot)(MFN_record*)) {
+    for (MFN_record* c : carriers(code, role))
+        if (*slot(c) && *slot(c) != fn)
+            return std::string("a second ") + (role == MTR_NUMERIC ? "numeric routine" : "routine") + " for `" + b.name +
+                   "`: code " + std::to_string(code) + " has another one in `" + c->name + "`";
+    return {};
 }
 
-bool MFN_set_numeric_routine(int id, MFN_routine fn) {
-    MFN_record* r = mutable_by_id(id);
-    if (!r || r->kind != MFN_MATH) return false;
-    return set_for_code(static_cast<MFN_math_record*>(r)->numeric_code, MTR_NUMERIC, fn,
-                        [](MFN_record* x) { return &static_cast<MFN_math_record*>(x)->numeric_routine; });
+std::string check_entry(const MFN_builtin& b, const MFN_builtin_table& table, size_t index) {
+    if (!b.name) return "an entry without a name";
+    MFN_record* r = const_cast<MFN_record*>(MFN_record_by_name(b.name));
+    if (!r) return std::string("unknown built-in `") + b.name + "`";
+    for (size_t j = 0; j < index; ++j)
+        if (table[j].name && std::strcmp(table[j].name, b.name) == 0)
+            return std::string("`") + b.name + "` is named twice in one table";
+    const auto twice = [&](const char* what) { return std::string("a second ") + what + " for `" + b.name + "`"; };
+    if (b.routine) {
+        if (r->given & GIVEN_ROUTINE) return twice("routine");
+        std::string f = check_shared(b, r->code, MTR_EVALUATOR, b.routine, [](MFN_record* x) { return &x->routine; });
+        if (!f.empty()) return f;
+    }
+    if (b.numeric) {
+        if (r->kind != MFN_MATH) return std::string("`") + b.name + "` is no math function: it has no numeric routine";
+        if (r->given & GIVEN_NUMERIC) return twice("numeric routine");
+        std::string f = check_shared(b, static_cast<MFN_math_record*>(r)->numeric_code, MTR_NUMERIC, b.numeric, numeric_slot);
+        if (!f.empty()) return f;
+    }
+    if (b.printer) {
+        if (r->kind != MFN_SPECIAL) return std::string("`") + b.name + "` is no special form: it has no printer";
+        if (r->given & GIVEN_PRINTER) return twice("printer");
+    }
+    if ((b.front || b.raw) && (r->given & GIVEN_FRONT)) return twice("front");
+    if (b.front && b.raw) return std::string("`") + b.name + "` is raw and has a front";
+    if (b.args.lo >= 0 && (r->given & GIVEN_ARGS)) return twice("argument count");
+    if (b.args.lo >= 0 && b.args.hi >= 0 && b.args.hi < b.args.lo)
+        return std::string("`") + b.name + "` declares fewer arguments at most than at least";
+    if (!b.routine && !b.numeric && !b.printer && !b.front && !b.raw && b.args.lo < 0)
+        return std::string("`") + b.name + "` is given nothing";
+    return {};
 }
 
-bool MFN_set_print_routine(int id, MFN_print_routine fn) {
-    MFN_record* r = mutable_by_id(id);
-    if (!r || r->kind != MFN_SPECIAL) return false;
-    return set_for_code(static_cast<MFN_special_record*>(r)->print_code, MTR_PRINTER, fn,
-                        [](MFN_record* x) { return &static_cast<MFN_special_record*>(x)->print_routine; });
+void apply_entry(const MFN_builtin& b) {
+    MFN_record* r = const_cast<MFN_record*>(MFN_record_by_name(b.name));
+    if (b.routine) {
+        for (MFN_record* c : carriers(r->code, MTR_EVALUATOR)) c->routine = b.routine;
+        r->given |= GIVEN_ROUTINE;
+    }
+    if (b.numeric) {
+        for (MFN_record* c : carriers(static_cast<MFN_math_record*>(r)->numeric_code, MTR_NUMERIC))
+            *numeric_slot(c) = b.numeric;
+        r->given |= GIVEN_NUMERIC;
+    }
+    if (b.printer) {
+        *printer_slot(r) = b.printer;
+        r->given |= GIVEN_PRINTER;
+    }
+    if (b.front || b.raw) {
+        r->front = b.front ? *b.front : default_front;
+        r->raw = b.raw;
+        r->given |= GIVEN_FRONT;
+    }
+    if (b.args.lo >= 0) {
+        r->min_args = b.args.lo;
+        r->max_args = b.args.hi;
+        r->given |= GIVEN_ARGS;
+    }
+}
+
+}  // namespace
+
+std::string MFN_try_install(MFN_builtin_table table) {
+    for (size_t i = 0; i < table.size(); ++i) {
+        std::string fault = check_entry(table[i], table, i);
+        if (!fault.empty()) return fault;
+    }
+    for (const MFN_builtin& b : table) apply_entry(b);
+    return {};
+}
+
+void MFN_install(MFN_builtin_table table) {
+    const std::string fault = MFN_try_install(table);
+    if (!fault.empty()) MSY_fatal("Fatal error in the table of built-ins: " + fault + ".");
+}
+
+const MFN_front& MFN_front_of_code(Cell code_cell) {
+    const MFN_record* r = MFN_record_of_code(code_cell);
+    return r ? r->front : default_front;
+}
+
+MFN_print_routine MFN_print_routine_for_code(int code) {
+    const MFN_code_entry* e = MFN_find_code(code);
+    if (!e || e->role != MTR_PRINTER) return nullptr;
+    return MFN_special_print_routine(e->record);
 }
 
 std::vector<std::string> MFN_missing_bodies() {
@@ -493,21 +584,21 @@ std::vector<std::string> MFN_missing_bodies() {
     return out;
 }
 
-const MTR_code_entry* MTR_find_code(int code) {
+const MFN_code_entry* MFN_find_code(int code) {
     const auto& v = table_index().codes;
     auto it = std::lower_bound(v.begin(), v.end(), code,
-                               [](const MTR_code_entry& e, int c) { return e.code < c; });
+                               [](const MFN_code_entry& e, int c) { return e.code < c; });
     return it != v.end() && it->code == code ? &*it : nullptr;
 }
 
-const char* MTR_find_name_for_code(int code) {
-    const MTR_code_entry* e = MTR_find_code(code);
+const char* MFN_find_name_for_code(int code) {
+    const MFN_code_entry* e = MFN_find_code(code);
     return e ? e->record->name : "";
 }
 
-std::vector<std::string> MTR_check_codes() { return MTR_check_codes(MFN_records()); }
+std::vector<std::string> MFN_check_codes() { return MFN_check_codes(MFN_records()); }
 
-std::vector<std::string> MTR_check_codes(std::span<const MFN_record* const> records) {
+std::vector<std::string> MFN_check_codes(std::span<const MFN_record* const> records) {
     std::vector<std::string> faults;
     std::vector<Use> uses;
     for (const MFN_record* r : records) collect_uses(r, uses);

@@ -11,9 +11,13 @@
 // and are walked in the order S, M, O, F. Ids and code numbers are constants of the
 // stored format: never renumber them.
 //
-// Routines are filled in by the modules that implement them (MFN_set_routine and
-// friends); until then a routine field is null. The binding of records to identifiers
-// as DOM_FUNC_ENV values happens at start, once the identifier table exists.
+// Bodies come from one registry: each module that implements built-ins exports one table
+// of MFN_builtin entries next to its routines, and the session installs all tables in one
+// place at start (MFN_install). An entry names its record; an unknown name, or a second
+// body for a record or a code number, is a fatal start-up error naming the built-in. The
+// code cells of the environments point into the records, so a body installed after start
+// (a module loaded later) is called from then on. Until a routine is installed its field
+// is null and the built-in gives back its call unevaluated.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +27,11 @@
 #include <vector>
 
 #include "MMM_cell.h"
+#include "MMM_values.h"
+#include "MTR_codes.h"
 
 // A built-in: (expr, context, flags, env), gives a new reference.
-using MFN_routine = Cell (*)(Cell expr, int context, unsigned flags, Cell env);
+using MFN_routine = MMM_routine;
 // The printer of a special form: prints the value at `ref` in the context (a priority),
 // writing `separator` (a DOM_IDENT or null) first, as the output walker does.
 using MFN_print_routine = void (*)(Cell* ref, int context, Cell separator);
@@ -40,13 +46,37 @@ enum MFN_kind : uint8_t {
     MFN_SPECIAL = 'S',
 };
 
-// The head shared by all kinds; `kind` tells which record it begins.
+// The context in which a built-in takes its arguments unless its front says otherwise:
+// the evaluator's argument context. Operators (ids 1-19 and 24-28) take theirs in the
+// context of their own id.
+constexpr int MFN_ARGUMENT_CONTEXT = 22;
+
+// The front of a built-in: how the evaluator prepares its arguments before the body runs.
+struct MFN_front {
+    unsigned arg_flags = 0;
+    int flatten_mode = 2;
+    int arg_context = MFN_ARGUMENT_CONTEXT;
+    int column = 100;  // 100: no legality test of the call itself
+    unsigned overload_flags = 0;
+    int from = 1;
+    int to = -1;
+};
+
+// The head shared by all kinds; `kind` tells which record it begins. The fields after
+// `code` are filled by the registry: the front, whether the body takes its expression
+// unevaluated (`raw`, it runs its own front), and the argument counts the body accepts
+// (min_args -1: not declared).
 struct MFN_record {
     MFN_kind kind;
     int id;
     const char* name;
     MFN_routine routine;  // M: the symbolic routine
     int code;
+    MFN_front front{};
+    bool raw = false;
+    uint8_t given = 0;  // which parts the registry has installed (MFN_GIVEN_*)
+    int16_t min_args = -1;
+    int16_t max_args = -1;
 };
 struct MFN_plain_record : MFN_record {};
 struct MFN_math_record : MFN_record {
@@ -63,11 +93,6 @@ struct MFN_special_record : MFN_record {
     int priority;
     const char* print_text;  // null where the form has none
 };
-
-// Code numbers that belong to no record of the table.
-constexpr int MTR_CODE_PROCEDURE_CALL = 100;   // the routine that calls a DOM_PROC
-constexpr int MTR_CODE_OPERATOR_PRINTER = 1100;  // printer of every O record
-constexpr int MTR_CODE_CALL_PRINTER = 1101;      // printer of every F and M record
 
 // Ids the parser, the evaluator and the printer name directly.
 enum MFN_id : int {
@@ -167,26 +192,54 @@ int MFN_priority(const MFN_record* r);
 const char* MFN_print_text(const MFN_record* r);  // null when none
 MFN_print_routine MFN_special_print_routine(const MFN_record* r);  // null unless S
 
-// Bodies. A code number names one routine, so giving a body to one record gives it to
-// every record that carries the same code (the math functions that share a symbolic
-// routine). False for an unknown id, a record of the wrong kind, or a code that has a
-// different routine already; a null body clears it.
-bool MFN_set_routine(int id, MFN_routine fn);
-bool MFN_set_numeric_routine(int id, MFN_routine fn);
-bool MFN_set_print_routine(int id, MFN_print_routine fn);
+// ---- the registry ----
+
+// One built-in as a module offers it: the name of its record and what the module gives it.
+// Parts left null are not given; a module may give the printer of a special form while
+// another gives its routine. `front` null keeps the default front; `args` declares the
+// argument counts (lo, hi; hi -1 for any number): the front refuses other counts with
+// 1004 before the body runs, and a raw body must refuse them itself.
+struct MFN_args {
+    int16_t lo = -1;
+    int16_t hi = -1;
+};
+struct MFN_builtin {
+    const char* name;
+    MFN_routine routine = nullptr;
+    MFN_routine numeric = nullptr;          // math functions: the numeric routine
+    MFN_print_routine printer = nullptr;    // special forms: the printer
+    const MFN_front* front = nullptr;
+    bool raw = false;
+    MFN_args args{};
+};
+using MFN_builtin_table = std::span<const MFN_builtin>;
+
+// Installs a module's table: all or nothing. An unknown name, a part given to a record
+// that has it already, a numeric routine or printer for a record of another kind, or a
+// routine that differs from the one another record already holds for the same code is a
+// fatal start-up error whose message names the built-in. Works before and after start.
+void MFN_install(MFN_builtin_table table);
+// The same check without the fatal end: the fault ("" when the table is sound), and the
+// table installed only when it is sound. For tests and for modules loaded later.
+std::string MFN_try_install(MFN_builtin_table table);
+
+// How a record's routine is reached at call time (the routine field itself, which the
+// registry may fill after start).
+inline const MFN_record* MFN_record_of_code(Cell code_cell) {
+    return static_cast<const MFN_record*>(MMM_code_of(code_cell).owner);
+}
+// The front of a code cell's record (the default front for a code of no record).
+const MFN_front& MFN_front_of_code(Cell code_cell);
+// The printer of a special form by its print code; null when none is installed.
+MFN_print_routine MFN_print_routine_for_code(int code);
 
 // The built-ins still without a body, in walk order: "name" for a missing routine,
 // "name (numeric)" for a missing numeric routine, "name (printer)" for a missing
 // printer of a special form.
 std::vector<std::string> MFN_missing_bodies();
 
-// Code numbers.
-enum MTR_role : uint8_t {
-    MTR_EVALUATOR,  // routine of any kind, symbolic routine of M
-    MTR_NUMERIC,    // numeric routine of M
-    MTR_PRINTER,    // print routine of S
-};
-struct MTR_code_entry {
+// ---- code numbers carried by the records ----
+struct MFN_code_entry {
     int code;
     MTR_role role;
     const MFN_record* record;  // the first carrier in walk order
@@ -194,12 +247,12 @@ struct MTR_code_entry {
 };
 // The entry of a code number carried by a record, null if none carries it (also for the
 // three codes that belong to no record).
-const MTR_code_entry* MTR_find_code(int code);
+const MFN_code_entry* MFN_find_code(int code);
 // Name of the first record whose routine the code names, "" if none.
-const char* MTR_find_name_for_code(int code);
+const char* MFN_find_name_for_code(int code);
 // Checks that every code number names exactly one routine: a number serves in one role
 // only; only the symbolic routines of math functions are shared; all carriers of one
 // number hold the same body; the codes of no record are not carried. Gives one line per
 // fault, empty when the table is sound. The second form checks any set of records.
-std::vector<std::string> MTR_check_codes();
-std::vector<std::string> MTR_check_codes(std::span<const MFN_record* const> records);
+std::vector<std::string> MFN_check_codes();
+std::vector<std::string> MFN_check_codes(std::span<const MFN_record* const> records);

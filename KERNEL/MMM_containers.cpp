@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "MER_error.h"
-#include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
@@ -13,7 +12,7 @@
 namespace {
 
 bool is_sequence(Cell x) {
-    return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(MFN_ID_EXPRSEQ);
+    return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_table_sequence_operator();
 }
 
 void insert_one(Cell* table, Cell x) {

@@ -14,7 +14,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "MCM_equal.h"
 #include "MMM_values.h"
 
 const uint32_t MMM_class_bytes[MMM_CLASS_COUNT] = {
@@ -22,6 +21,8 @@ const uint32_t MMM_class_bytes[MMM_CLASS_COUNT] = {
 };
 
 bool MMM_share_requested = false;
+
+MMM_equality_record MMM_equality;
 
 namespace {
 
@@ -381,7 +382,7 @@ void share_walk(Cell* root_slot, std::unordered_multimap<uint32_t, Cell>& seen) 
         Cell rep = nullptr;
         auto range = seen.equal_range(c->signature);
         for (auto it = range.first; it != range.second; ++it) {
-            if (MCM_equal(it->second, c)) {
+            if (MMM_equal(it->second, c)) {
                 rep = it->second;
                 break;
             }
@@ -759,7 +760,7 @@ void MMM_break_cycle(Cell c) {
 void MMM_share() {
     MMM_share_requested = false;
     if (!heap.roots) return;
-    MCM_set_box_structural(true);
+    if (MMM_equality.share_mode) MMM_equality.share_mode(true);
     std::unordered_multimap<uint32_t, Cell> seen;
     heap.roots->flags |= MMM_MARK;
     for_each_root([&seen](Cell* var) {
@@ -768,5 +769,5 @@ void MMM_share() {
     for (auto& entry : seen) MMM_release(entry.second);
     seen.clear();
     unmark_roots();
-    MCM_set_box_structural(false);
+    if (MMM_equality.share_mode) MMM_equality.share_mode(false);
 }

@@ -71,5 +71,16 @@ void MMM_share();
 // roots are marked (drop what only the table holds), `after_mark` before the sweep.
 void MMM_add_reclaim_hooks(MMM_handler before_mark, MMM_handler after_mark);
 
+// Structural equality belongs to the comparison module, which installs it when it starts;
+// the heap (share pass) and the tables (keys) reach it through this record. `share_mode`
+// switches whether MMM_BOX cells compare by their contents (during the share pass only)
+// or all count as equal. Until it is installed only identical cells are equal.
+struct MMM_equality_record {
+    bool (*equal)(Cell a, Cell b) = nullptr;
+    void (*share_mode)(bool on) = nullptr;
+};
+extern MMM_equality_record MMM_equality;
+inline bool MMM_equal(Cell a, Cell b) { return a == b || (MMM_equality.equal && MMM_equality.equal(a, b)); }
+
 // The built-in `share` only asks; the top level runs the pass when the command is over.
 extern bool MMM_share_requested;

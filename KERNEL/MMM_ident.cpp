@@ -7,14 +7,12 @@
 #include <vector>
 
 #include "MER_error.h"
-#include "MFN_env.h"
-#include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 
-Cell MEV_root_frame = nullptr;
-Cell MEV_current_frame = nullptr;
+Cell MMM_root_frame = nullptr;
+Cell MMM_current_frame = nullptr;
 void (*MMM_user_protection_hook)(Cell ident) = nullptr;
 
 namespace {
@@ -150,7 +148,7 @@ Cell MMM_ident(Cell name, int extra) {
     const std::string_view text = MMM_string_view(name);
     if (text.size() > 1 && text[0] == '#') {
         Cell b = new_binding(MMM_PROTECT_KERNEL);
-        MMM_table_add(&body_field(id, MMM_IB_BINDINGS), MEV_current_frame, b);
+        MMM_table_add(&body_field(id, MMM_IB_BINDINGS), MMM_current_frame, b);
         MMM_release(b);
     }
     MMM_table_add(&namespace_table(), name, id);  // the entry comes last
@@ -160,6 +158,7 @@ Cell MMM_ident(Cell name, int extra) {
 Cell MMM_ident_named(std::string_view text) { return MMM_ident(MMM_intern(text)); }
 
 Cell* MMM_ident_ids = nullptr;
+int MMM_ident_id_count = 0;
 
 std::string_view MMM_ident_text(Cell ident) { return MMM_string_view(MMM_child(ident, 0)); }
 
@@ -190,7 +189,7 @@ void MMM_binding_set_level(Cell binding, int level) {
 }
 
 int MMM_protection(Cell ident) {
-    Cell b = effective_binding(ident, MEV_current_frame);
+    Cell b = effective_binding(ident, MMM_current_frame);
     return b ? MMM_binding_level(b) : 0;
 }
 
@@ -208,12 +207,12 @@ Cell MMM_getter(Cell ident) {
 
 namespace {
 
-Cell run_getter(Cell getter, int mode) { return MFN_code_of(getter).routine(nullptr, mode, 0, getter); }
+Cell run_getter(Cell getter, int mode) { return MMM_code_routine(getter)(nullptr, mode, 0, getter); }
 
 // The walk passes over bindings that hold no value, so that after a deletion in a frame
 // the value of the frame above shows again. A properties binding ends it with no value.
 Cell walk_value(Cell ident) {
-    Cell current = MEV_current_frame;
+    Cell current = MMM_current_frame;
     for (Cell f = current; f && f != MMM_NIL; f = MMM_frame_parent(f)) {
         Cell b = lookup_in(ident, f);
         if (!b) continue;
@@ -256,7 +255,7 @@ Cell store_value(Cell ident, Cell value, Cell frame) {
     if (!value) {
         // A frame held by an identifier cannot be deleted while it is in use.
         if (binding && binding_value(binding) && MMM_is_node(binding_value(binding), DOM_FRAME) &&
-            is_ancestor_or_self(binding_value(binding), MEV_current_frame))
+            is_ancestor_or_self(binding_value(binding), MMM_current_frame))
             MER_raise(1070, nullptr);
     }
     if (!binding) binding = MMM_binding_make(ident, frame);
@@ -306,7 +305,7 @@ Cell MMM_set_value_checked(Cell ident, Cell value, unsigned flags, Cell frame, b
     check_protection(ident, value, flags, frame);
     Cell setter = MMM_setter(ident);
     if (!setter) return store_value(ident, value, frame);
-    const MFN_routine set = MFN_code_of(setter).routine;
+    const MMM_routine set = MMM_code_routine(setter);
     Cell normal = set(value ? value : MMM_NIL, 0, 0, setter);
     Cell old;
     try {
@@ -497,10 +496,43 @@ void MMM_frame_close(Cell frame) {
     for (Cell f : closing) MMM_release(f);
 }
 
+namespace {
+
+// The current frame, put back after a trap or a report (retained by the room).
+void save_frame(void* room) { *static_cast<Cell*>(room) = MMM_retained(MMM_current_frame); }
+void restore_frame(const void* room) {
+    Cell f = *static_cast<const Cell*>(room);
+    if (!f) return;
+    MMM_retain(f);
+    MMM_release(MMM_current_frame);
+    MMM_current_frame = f;
+}
+void drop_frame(void* room) {
+    MMM_release(*static_cast<Cell*>(room));
+    *static_cast<Cell*>(room) = nullptr;
+}
+
+}  // namespace
+
 // ---- start ----
 
+void MMM_ident_set_ids(int count, const char* (*name_of)(int id), int operator_limit) {
+    MMM_release(by_id);
+    MMM_ident_id_count = 0;
+    by_id = MMM_new_cleared(MMM_ID_TABLE, 0, count);
+    for (int id = 1; id < count; ++id) {
+        const char* name = name_of(id);
+        if (!name || !*name) continue;
+        MMM_children(by_id)[id] = MMM_ident_named(name);
+        if (id < operator_limit) MMM_set_node_flags(MMM_child(by_id, id), uint16_t(id));
+    }
+    MMM_ident_ids = MMM_children(by_id);
+    MMM_ident_id_count = count;
+}
+
 void MMM_ident_start() {
-    for (Cell* root : {&strings, &namespace_, &by_id, &variables, &MEV_root_frame, &MEV_current_frame})
+    MER_add_state({sizeof(Cell), save_frame, restore_frame, drop_frame});
+    for (Cell* root : {&strings, &namespace_, &by_id, &variables, &MMM_root_frame, &MMM_current_frame})
         MMM_add_root(root);
     strings = MMM_table_new(1000);
     variables = MMM_table_new(100);
@@ -513,17 +545,9 @@ void MMM_ident_start() {
 
     MMM_add_root(&anonymous_name);
     anonymous_name = MMM_ident_named("AnonymousFrame");
-    MEV_root_frame = MMM_frame_new(MMM_NIL, MMM_NIL);
-    MEV_current_frame = MEV_root_frame;
-    MMM_retain(MEV_current_frame);
+    MMM_root_frame = MMM_frame_new(MMM_NIL, MMM_NIL);
+    MMM_current_frame = MMM_root_frame;
+    MMM_retain(MMM_current_frame);
 
-    by_id = MMM_new_cleared(MMM_ID_TABLE, 0, MFN_ID_COUNT);
-    for (int id = 1; id < MFN_ID_COUNT; ++id) {
-        const char* name = MFN_env_name(id);
-        if (name && *name) MMM_children(by_id)[id] = MMM_ident_named(name);
-        if (name && *name && id <= 29) MMM_set_node_flags(MMM_child(by_id, id), uint16_t(id));
-    }
-    MMM_ident_ids = MMM_children(by_id);
-    MMM_table_set_sequence_operator(MMM_ident_by_id(MFN_ID_EXPRSEQ));
     MMM_add_reclaim_hooks(drop_dead_names, nullptr);
 }

@@ -43,9 +43,14 @@ Cell MMM_string_value(std::string_view text);
 Cell MMM_ident(Cell name_string, int extra = 1);
 Cell MMM_ident_named(std::string_view text);
 Cell MMM_ident_exists(Cell name_string);  // borrowed, or nullptr
-// The borrowed identifier of a built-in, by function id.
+// The borrowed identifier of a built-in, by function id; null for an id without one.
+// The function table sets the ids at start (MMM_ident_set_ids); the count comes from it.
 extern Cell* MMM_ident_ids;
-inline Cell MMM_ident_by_id(int id) { return id > 0 && id < 340 ? MMM_ident_ids[id] : nullptr; }
+extern int MMM_ident_id_count;
+inline Cell MMM_ident_by_id(int id) { return id > 0 && id < MMM_ident_id_count ? MMM_ident_ids[id] : nullptr; }
+// Makes the table of `count` ids: the identifier of names[id] at each id whose name is
+// not empty; the operators below `operator_limit` carry their id (MMM_operator_id).
+void MMM_ident_set_ids(int count, const char* (*name_of)(int id), int operator_limit);
 // The identifiers of the operators with ids 1 to 29 carry their id in their node flags,
 // so that the evaluator finds an operator's id without a search (0 for all others).
 inline int MMM_operator_id(Cell ident) { return MMM_node_flags(ident); }
@@ -94,8 +99,8 @@ int MMM_var_depth(Cell var);
 int MMM_var_index(Cell var);
 
 // ---- frames ----
-extern Cell MEV_root_frame;
-extern Cell MEV_current_frame;
+extern Cell MMM_root_frame;
+extern Cell MMM_current_frame;
 Cell MMM_frame_new(Cell parent, Cell name);  // new reference
 Cell MMM_frame_parent(Cell frame);           // borrowed; NIL above the root
 Cell MMM_frame_name(Cell frame);             // borrowed: the identifier, NIL for the root

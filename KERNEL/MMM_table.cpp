@@ -9,7 +9,6 @@
 #include <cstring>
 #include <vector>
 
-#include "MCM_equal.h"
 #include "MER_error.h"
 #include "MMM_heap.h"
 #include "MMM_values.h"
@@ -55,7 +54,7 @@ Cell new_cleared(unsigned kind, long bytes, long children) {
 }
 
 inline bool same_key(Cell k, Cell key) {
-    return k == key || (k->signature == key->signature && MCM_equal(k, key));
+    return k == key || (k->signature == key->signature && MMM_equal(k, key));
 }
 
 // Slot of `key` among the pairs of a flat table or a bucket, or -1.
@@ -249,22 +248,19 @@ uint32_t sign_table(Cell t) {
     return h;
 }
 
-// Entry counts and signatures equal, then each key of the first found in the second with
-// an equal value. The order of the entries does not count.
-bool equal_tables(Cell a, Cell b) {
+}  // namespace
+
+bool MMM_table_equal(Cell a, Cell b) {
     if (!is_table(a) || !is_table(b)) return false;
     if (count_of(a) != count_of(b) || a->signature != b->signature) return false;
     return for_each_entry(a, [b](Cell k, Cell v) {
         Cell w;
-        return MMM_table_find(b, k, &w) && MCM_equal(v, w);
+        return MMM_table_find(b, k, &w) && MMM_equal(v, w);
     });
 }
 
-}  // namespace
-
 void MMM_table_start() {
     MMM_set_sign_routine(MMM_HASH, sign_table);
-    MCM_set_equal_routine(MMM_HASH, equal_tables);
     sequence_operator = nullptr;  // a former heap's cell, if any, is gone
     MMM_add_root(&sequence_operator);
 }
@@ -343,6 +339,8 @@ bool MMM_table_lookup(Cell table, Cell key, int mode, Cell* value) {
     MMM_release(seq);  // a found value is held by the table, not by the key
     return found;
 }
+
+Cell MMM_table_sequence_operator() { return sequence_operator; }
 
 void MMM_table_set_sequence_operator(Cell op) {
     MMM_retain(op);

@@ -67,6 +67,12 @@ Cell MMM_table_make_key(Cell expr, int mode);
 // module that makes the identifier, after MMM_table_start; until then making a sequence
 // key raises 1103. The argument is borrowed and retained; the variable is a root.
 void MMM_table_set_sequence_operator(Cell op);
+Cell MMM_table_sequence_operator();  // borrowed; null before it is set
+
+// Equality of two tables: entry counts and signatures equal, then each key of the first
+// found in the second with an equal value; the order of the entries does not count. The
+// comparison module installs it as the equality of MMM_HASH cells.
+bool MMM_table_equal(Cell a, Cell b);
 
 // Stores value under key. If the key is there, its value is replaced (the old one
 // released, the old key kept) and the result is true; otherwise the entry is added and

@@ -1,6 +1,7 @@
 #include "MMM_values.h"
 
 #include "MER_error.h"
+#include "MSY_process.h"
 
 Cell MMM_NIL = nullptr;
 Cell MMM_NULL = nullptr;
@@ -94,6 +95,13 @@ Cell MMM_make_string(std::string_view text) {
     MMM_children(c)[0] = MMM_new_string(text);
     MMM_sign(c);
     return c;
+}
+
+Cell (*MMM_integer_maker)(long n) = nullptr;
+
+Cell MMM_make_integer(long n) {
+    if (!MMM_integer_maker) MSY_fatal("Internal error. [MMM_make_integer before the numbers]");
+    return MMM_integer_maker(n);
 }
 
 Cell MMM_make_bool(int stored) {

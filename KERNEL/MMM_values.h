@@ -84,6 +84,28 @@ Cell MMM_make_expr(long child_count);  // DOM_EXPR, children uninitialised
 Cell MMM_make_list(long n);            // DOM_LIST, children uninitialised
 Cell MMM_make_string(std::string_view text);
 Cell MMM_make_bool(int stored);  // gives the universal cell; refuses other numbers with 1103
+// A DOM_INT of a machine integer. Integers are the number module's cells: it installs the
+// maker when it starts, and a call before that is a fatal internal error.
+Cell MMM_make_integer(long n);
+extern Cell (*MMM_integer_maker)(long n);
+
+// Native routines as values. An MMM_CODE cell has no children; its raw data is an
+// MMM_code_data: the code number (its signature and its name in stored files), then the
+// place that holds the routine, so that a body given after the cell was made is the one
+// called, and the record of the function table that owns that place (null for a routine
+// of no record). The cells are made and kept by the code table; everybody else borrows.
+using MMM_routine = Cell (*)(Cell expr, int context, unsigned flags, Cell env);
+struct MMM_code_data {
+    int32_t code;
+    int32_t role;
+    MMM_routine const* slot;
+    const void* owner;
+};
+inline const MMM_code_data& MMM_code_of(Cell code_cell) {
+    return *reinterpret_cast<const MMM_code_data*>(code_cell->data);
+}
+// The routine an MMM_CODE cell names now (null while it has no body).
+inline MMM_routine MMM_code_routine(Cell code_cell) { return *MMM_code_of(code_cell).slot; }
 
 // The universal cells, compared by address. (NULL, TRUE and FALSE are macro names in C
 // and C++, so the kernel spells them with the module prefix.)

@@ -8,7 +8,7 @@
 #include "MMM_ident.h"
 #include "MMM_values.h"
 #include "MOU_internal.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 long MOU_textwidth = 75;
 long MOU_output_count = 0;
@@ -21,7 +21,7 @@ const char* const channel_names[MOU_CHANNEL_COUNT] = {"_res", "_prt", "_wrn", "_
 const char* const format_names[] = {"_txt", "_con", "_tre", "_lan", "_nul"};
 
 void write_out(const std::string& text) {
-    FILE* out = MSE_output ? MSE_output : stdout;
+    FILE* out = MSY_out();
     std::fwrite(text.data(), 1, text.size(), out);
 }
 
@@ -67,10 +67,10 @@ void break_line(std::string_view line, long width, std::string& out) {
 
 // Emission of one text: the memory of the interrupt request is kept aside meanwhile.
 struct InterruptAside {
-    std::sig_atomic_t pending = MSE_session.interrupt_pending;
-    InterruptAside() { MSE_session.interrupt_pending = 0; }
+    std::sig_atomic_t pending = MSY_interrupt_pending;
+    InterruptAside() { MSY_interrupt_pending = 0; }
     ~InterruptAside() {
-        if (pending) MSE_session.interrupt_pending = pending;
+        if (pending) MSY_interrupt_pending = pending;
     }
 };
 
@@ -231,7 +231,41 @@ void MOU_print_result(Cell value) {
     MOU_emit(value, MOU_RES, true, true);
 }
 
+namespace {
+
+// The printer's mode, switches and channel formats, put back after a trap or a report.
+struct SavedPrinter {
+    long textwidth;
+    int32_t indent;
+    int keep_order;
+    bool pretty, unquoted, in_method, for_text, source_form, statement_layout, trailing_zeroes;
+    MOU_format formats[MOU_CHANNEL_COUNT];
+};
+void save_printer(void* room) {
+    auto& r = *static_cast<SavedPrinter*>(room);
+    r = {MOU_textwidth, MOU_indent, MOU_keep_order, MOU_pretty, MOU_unquoted, MOU_in_method, MOU_for_text,
+         MOU_source_form, MOU_statement_layout, MOU_trailing_zeroes, {}};
+    for (int i = 0; i < MOU_CHANNEL_COUNT; ++i) r.formats[i] = MOU_channel_format[i];
+}
+void restore_printer(const void* room) {
+    const auto& r = *static_cast<const SavedPrinter*>(room);
+    MOU_textwidth = r.textwidth;
+    MOU_indent = r.indent;
+    MOU_keep_order = r.keep_order;
+    MOU_pretty = r.pretty;
+    MOU_unquoted = r.unquoted;
+    MOU_in_method = r.in_method;
+    MOU_for_text = r.for_text;
+    MOU_source_form = r.source_form;
+    MOU_statement_layout = r.statement_layout;
+    MOU_trailing_zeroes = r.trailing_zeroes;
+    for (int i = 0; i < MOU_CHANNEL_COUNT; ++i) MOU_channel_format[i] = r.formats[i];
+}
+
+}  // namespace
+
 void MOU_start() {
+    MER_add_state({sizeof(SavedPrinter), save_printer, restore_printer, nullptr});
     MOU_pretty = true;
     MOU_unquoted = MOU_in_method = MOU_for_text = MOU_source_form = MOU_statement_layout = false;
     MOU_trailing_zeroes = false;
@@ -242,5 +276,4 @@ void MOU_start() {
     MOU_capture_depth = 0;
     for (MOU_format& f : MOU_channel_format) f = MOU_TXT;
     MOU_start_walker();
-    MSE_frontend.print_result = MOU_print_result;
 }

@@ -16,7 +16,7 @@
 #include "MMM_table.h"
 #include "MMM_values.h"
 #include "MOU_internal.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 bool MOU_pretty = true;
 bool MOU_unquoted = false;
@@ -906,12 +906,12 @@ bool statement_parens(int context) { return masked(context) >= 11; }
 // Outside a print the text goes straight to the session's output.
 void MOU_put_char(char c) {
     if (MOU_sink) MOU_sink->push_back(c);
-    else std::fputc(c, MSE_output ? MSE_output : stdout);
+    else std::fputc(c, MSY_out());
 }
 
 void MOU_put_text(std::string_view text) {
     if (MOU_sink) MOU_sink->append(text);
-    else std::fwrite(text.data(), 1, text.size(), MSE_output ? MSE_output : stdout);
+    else std::fwrite(text.data(), 1, text.size(), MSY_out());
 }
 
 void MOU_line(int delta, bool line_break) {
@@ -939,7 +939,7 @@ bool MOU_plain_name(std::string_view name) {
 // ---- the walker ----
 
 void MOU_print(Cell* ref, int context, Cell separator) {
-    if (++MOU_depth > MOU_max_depth || MSE_stack_nearly_full()) {
+    if (++MOU_depth > MOU_max_depth || MSY_stack_nearly_full()) {
         MOU_depth = 0;
         MER_raise(1302, nullptr);
     }
@@ -1364,45 +1364,41 @@ void print_listing(Cell* ref, int context, Cell sep, const char* word) {
 void print_delete(Cell* ref, int context, Cell sep) { print_listing(ref, context, sep, "delete "); }
 void print_save(Cell* ref, int context, Cell sep) { print_listing(ref, context, sep, "save "); }
 
-struct CodeRoutine {
-    int code;
-    int id;  // the special form that carries the code, 0 for the two general printers
-    MFN_print_routine fn;
-};
-const CodeRoutine code_routines[] = {
-    {1100, 0, MOU_print_operator},
-    {1101, 0, MOU_print_call},
-    {1102, MFN_ID_ASSIGN, print_assign},
-    {1103, MFN_ID_BREAK, print_break},
-    {1104, MFN_ID_CASE, print_case},
-    {1105, MFN_ID_SLOT, print_slot},
-    {1106, MFN_ID_FOR, print_for},
-    {1107, MFN_ID_FOR_DOWN, print_for_down},
-    {1108, MFN_ID_FOR_IN, print_for_in},
-    {1109, MFN_ID_DELETE, print_delete},
-    {1111, MFN_ID_IF, print_if},
-    {1112, MFN_ID_INDEX, print_index},
-    {1113, MFN_ID_NEXT, print_next},
-    {1115, MFN_ID_QUIT, print_quit},
-    {1116, MFN_ID_REPEAT, print_repeat},
-    {1118, MFN_ID_SEQGEN, print_seqgen},
-    {1119, MFN_ID_WHILE, print_while},
-    {1120, MFN_ID_NOT, print_not},
-    {1121, MFN_ID_INVERT, print_invert},
-    {1122, MFN_ID_NEGATE, print_negate},
-    {1123, MFN_ID_SUBTRACT, print_subtract},
-    {1124, MFN_ID_DIVIDE, print_divide},
-    {1125, MFN_ID_SEQIN, print_seqin},
-    {1126, MFN_ID_SAVE, print_save},
-    {1127, MFN_ID_SEQSTEP, print_seqstep},
+const MFN_builtin printers[] = {
+    {.name = "_assign", .printer = print_assign},
+    {.name = "_break", .printer = print_break},
+    {.name = "_case", .printer = print_case},
+    {.name = "slot", .printer = print_slot},
+    {.name = "_for", .printer = print_for},
+    {.name = "_for_down", .printer = print_for_down},
+    {.name = "_for_in", .printer = print_for_in},
+    {.name = "_delete", .printer = print_delete},
+    {.name = "_if", .printer = print_if},
+    {.name = "_index", .printer = print_index},
+    {.name = "_next", .printer = print_next},
+    {.name = "_quit", .printer = print_quit},
+    {.name = "_repeat", .printer = print_repeat},
+    {.name = "_seqgen", .printer = print_seqgen},
+    {.name = "_while", .printer = print_while},
+    {.name = "_not", .printer = print_not},
+    {.name = "_invert", .printer = print_invert},
+    {.name = "_negate", .printer = print_negate},
+    {.name = "_subtract", .printer = print_subtract},
+    {.name = "_divide", .printer = print_divide},
+    {.name = "_seqin", .printer = print_seqin},
+    {.name = "_save", .printer = print_save},
+    {.name = "_seqstep", .printer = print_seqstep},
 };
 
 }  // namespace
 
+const MFN_builtin_table MOU_printer_builtins = printers;
+
 MFN_print_routine MOU_print_routine_for_code(int code) {
-    for (const CodeRoutine& r : code_routines)
-        if (r.code == code) return r.fn;
-    return nullptr;
+    // The operator and call printers serve many records and belong to none.
+    if (code == MTR_CODE_OPERATOR_PRINTER) return MOU_print_operator;
+    if (code == MTR_CODE_CALL_PRINTER) return MOU_print_call;
+    return MFN_print_routine_for_code(code);
 }
 
 std::string MOU_to_text(Cell value) {
@@ -1436,6 +1432,4 @@ void MOU_start_walker() {
     MOU_alias_table = nullptr;
     statement_separator = MMM_make_string("; ");
     proc_stack.clear();
-    for (const CodeRoutine& r : code_routines)
-        if (r.id) MFN_set_print_routine(r.id, r.fn);
 }

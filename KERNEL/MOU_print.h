@@ -57,11 +57,12 @@ void MOU_print_top(Cell* ref);  // MOU_print(ref, 0, null)
 
 // The two printers that belong to no record of the function table: the operator printer
 // (code 1100) of every operator and the general call printer (code 1101) of every plain
-// and math function. The printers of the special forms are given to the function table
-// by MOU_start; this gives the routine of any print code 1100 to 1127, or null.
+// and math function. The printers of the special forms are this module's entries in the
+// registry (MOU_printer_builtins); this gives the routine of any print code, or null.
 void MOU_print_operator(Cell* ref, int context, Cell separator);
 void MOU_print_call(Cell* ref, int context, Cell separator);
 MFN_print_routine MOU_print_routine_for_code(int code);
+extern const MFN_builtin_table MOU_printer_builtins;
 
 // Writing into the text being made.
 void MOU_put_char(char c);
@@ -134,7 +135,7 @@ MOU_format MOU_format_by_name(std::string_view name);
 extern MOU_format MOU_channel_format[MOU_CHANNEL_COUNT];  // all MOU_TXT at start
 
 // The one way out for values: prints the value on the channel in the channel's format
-// and writes it to the session's current output (MSE_output), broken into lines of at most
+// and writes it to the session's current output (MSY_output), broken into lines of at most
 // TEXTWIDTH columns; `newline` ends it with a line end; `top` marks a final result. A null
 // value, or one emitted while MOU_to_text runs, gives nothing.
 void MOU_emit(Cell value, MOU_channel channel, bool newline, bool top);

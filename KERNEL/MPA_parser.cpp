@@ -7,15 +7,15 @@
 #include "MAR_numbers.h"
 #include "MCM_equal.h"
 #include "MER_error.h"
-#include "MEV_proc.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 #include "MPA_reader.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 MPA_hooks_record MPA_hooks;
+bool MPA_warn_changes = false;
 
 namespace {
 
@@ -149,7 +149,7 @@ private:
         ~Depth() { --r.depth_guard; }
     };
     void check_depth() {
-        if (r_.depth_guard <= MAX_NESTING && !MSE_stack_nearly_full()) return;
+        if (r_.depth_guard <= MAX_NESTING && !MSY_stack_nearly_full()) return;
         r_.report(2003, MLX_token_name(kind()).c_str());
         // Nothing sensible can follow: give up the rest of the input.
         r_.aborted = true;
@@ -905,7 +905,7 @@ Cell Parser::proc_rule(int& level) {
     Cell name = nullptr, return_type = nullptr;
     int header_level = 0;
     auto warn_former = [&](Cell id) {
-        if (!MSE_pref.warn_changes) return;
+        if (!MPA_warn_changes) return;
         const std::string_view n = MMM_ident_text(id);
         for (const char* f : former_environment_names)
             if (n == f) r_.report(-2002, f);
@@ -987,9 +987,9 @@ Cell Parser::proc_rule(int& level) {
                 } while (accept(','));
             } else if (accept(TK_NAME)) {
                 const bool no_locals = r_.no_locals;
-                const bool warn = MSE_pref.warn_changes;
+                const bool warn = MPA_warn_changes;
                 r_.no_locals = true;
-                MSE_pref.warn_changes = false;
+                MPA_warn_changes = false;
                 Cell n = nullptr;
                 if (!at(';')) {
                     int l = 0;
@@ -999,7 +999,7 @@ Cell Parser::proc_rule(int& level) {
                     n = call(MFN_ID_EXPRSEQ, {});
                 }
                 r_.no_locals = no_locals;
-                MSE_pref.warn_changes = warn;
+                MPA_warn_changes = warn;
                 if (name) {
                     r_.report(2007);
                     MMM_release(name);
@@ -1056,9 +1056,9 @@ Cell Parser::constructor_rule(int& level) {
     {
         Follow f(r_, {closer, TK_END, TK_BEGIN});
         const bool no_locals = r_.no_locals;
-        const bool warn = MSE_pref.warn_changes;
+        const bool warn = MPA_warn_changes;
         r_.no_locals = true;
-        MSE_pref.warn_changes = false;
+        MPA_warn_changes = false;
         int l = 0;
         bool assignable = false;
         {
@@ -1066,7 +1066,7 @@ Cell Parser::constructor_rule(int& level) {
             name = primary(l, assignable);
         }
         r_.no_locals = no_locals;
-        MSE_pref.warn_changes = warn;
+        MPA_warn_changes = warn;
         if (!assignable) r_.report(2005);
         if (accept('(')) {
             parens = true;

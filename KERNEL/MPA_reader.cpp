@@ -5,12 +5,11 @@
 
 #include "MAR_numbers.h"
 #include "MER_error.h"
-#include "MEV_proc.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 #include "MPA_reader.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 // ---- the reader ----
 
@@ -101,10 +100,10 @@ void MPA_reader::report(long code, ...) {
         MER_last = code;
         MER_last_text = msg;
     }
-    if (!MER_trapped || code < 0) MSE_write_report(code, msg);
+    if (!MER_trapped || code < 0) MSY_write_report(code, msg + "\n");
 }
 
-Cell MPA_reader::eval_statement(Cell statement, bool silent) { return MSE_toplevel_eval(statement, !silent); }
+Cell MPA_reader::eval_statement(Cell statement, bool silent) { return MPA_hooks.toplevel_eval(statement, !silent); }
 
 void MPA_reader::print_result(Cell, bool) {}
 
@@ -136,7 +135,7 @@ void MPA_local_string_reader::prepare() {
         for (Cell c : *v) MMM_release(c);
         v->clear();
     }
-    MEV_running_scopes(scope_params, scope_locals, scope_names);
+    if (MPA_hooks.running_scopes) MPA_hooks.running_scopes(scope_params, scope_locals, scope_names);
     proc_depth = int32_t(scope_params.size());
 }
 

@@ -258,8 +258,18 @@ public:
 struct MPA_hooks_record {
     Cell (*procdef)(Cell tree, bool closed) = nullptr;  // new reference
     Cell (*eval)(Cell tree) = nullptr;                  // new reference
+    // A finished statement of a session or file reader: evaluated, and printed unless
+    // `print` is false (the session installs it).
+    Cell (*toplevel_eval)(Cell statement, bool print) = nullptr;  // new reference
+    // The parameter and local fields and names of the running activations along the
+    // lexical chain, outermost first (new references); the evaluator installs it.
+    void (*running_scopes)(std::vector<Cell>& params, std::vector<Cell>& locals, std::vector<Cell>& names) = nullptr;
 };
 extern MPA_hooks_record MPA_hooks;
+
+// The preference WarnChanges: warn when a statement of a file changes a protected or
+// kernel name (the command line sets it; reading sysinit.tv turns it off for a while).
+extern bool MPA_warn_changes;
 
 // The grammar over a reader whose lexical state is fresh: rule `input`.
 void MPA_parse_input(MPA_reader& reader);

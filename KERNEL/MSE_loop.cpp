@@ -129,7 +129,7 @@ void MSE_post(MSE_message* m) {
 
 void MSE_main_loop(bool block) {
     while (MSE_session.control_state != 2) {
-        MSE_session.interrupt_pending = 0;
+        MSY_interrupt_pending = 0;
         MSE_message* m = take_first(true);
         if (!m) {
             if (!block) break;
@@ -182,7 +182,7 @@ void MSE_run_text(std::string_view text) {
 
 Cell MSE_toplevel_eval(Cell statement, bool print) {
     MSE_session.control_state = 0;
-    MSE_limits.command_start_ms = MSE_monotonic_ms();
+    MSE_limits.command_start_ms = MSY_monotonic_ms();
     Cell value;
     try {
         if (MSE_frontend.eval) {
@@ -212,7 +212,7 @@ void MSE_print_result(Cell value) {
         MSE_recover(true);
     }
     MSE_session.interrupts_deferred = deferred;
-    std::fflush(MSE_output);
+    std::fflush(MSY_output);
 }
 
 // ---- files ----
@@ -238,9 +238,9 @@ void MSE_read_init_files(int file_count, char** files) {
     s.interrupts_deferred = false;
     const std::string sysinit = s.lib_dir + "/sysinit.tv";
     {
-        const bool warn = MSE_pref.warn_changes;
+        const bool warn = MPA_warn_changes;
         const uint32_t debug = s.debug_flags;
-        MSE_pref.warn_changes = false;
+        MPA_warn_changes = false;
         s.debug_flags = 0;
         bool ok = true;
         try {
@@ -248,7 +248,7 @@ void MSE_read_init_files(int file_count, char** files) {
         } catch (const MER_exception&) {
             ok = false;
         }
-        MSE_pref.warn_changes = warn;
+        MPA_warn_changes = warn;
         s.debug_flags = debug;
         if (!ok) MSE_fatal("Could not read system init file '" + s.lib_dir + "/sysinit.tv'");
     }
@@ -270,7 +270,7 @@ void MSE_read_init_files(int file_count, char** files) {
             s.batch_output.clear();
             MSE_fatal("Could not open output file.");
         }
-        MSE_output = f;
+        MSY_output = f;
     }
 
     // 7. The batch files. In batch mode without files, the standard input is the file.

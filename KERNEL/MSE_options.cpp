@@ -9,6 +9,8 @@
 #include <filesystem>
 
 #include "MSE_session.h"
+#include "MPA_reader.h"
+#include "MSY_process.h"
 
 const char* const MSE_usage_text =
     "Usage:\ntorvkern [/g] [/f] [/F] [/v] [/l libpath] [/p packagepath]\n"
@@ -87,7 +89,7 @@ void option_watchdog(const char* value) {
     bool range = false;
     const long seconds = parse_long(value, range);
     if (range) usage();
-    MSE_watchdog_start(seconds);
+    MSY_watchdog_start(seconds);
 }
 
 void set_preference(bool& current, bool& start, bool on) { current = start = on; }
@@ -121,8 +123,8 @@ int option_preferences(const char* keyword, const char* next) {
         case 'S': set_preference(MSE_pref.secure_kernel, MSE_session.secure_kernel, true); break;
         case 'l': set_preference(MSE_pref.signed_lib_only, MSE_session.signed_lib_only, false); break;
         case 'L': set_preference(MSE_pref.signed_lib_only, MSE_session.signed_lib_only, true); break;
-        case 'w': set_preference(MSE_pref.warn_changes, MSE_session.warn_changes, false); break;
-        case 'W': set_preference(MSE_pref.warn_changes, MSE_session.warn_changes, true); break;
+        case 'w': set_preference(MPA_warn_changes, MSE_session.warn_changes, false); break;
+        case 'W': set_preference(MPA_warn_changes, MSE_session.warn_changes, true); break;
         default: usage();
         }
     }

@@ -8,6 +8,8 @@
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MAR_functions.h"
+#include "MCM_equal.h"
+#include "MEV_builtins.h"
 #include "MEV_env.h"
 #include "MEV_eval.h"
 #include "MEV_ops.h"
@@ -20,10 +22,11 @@
 #include "MMM_values.h"
 #include "MOU_print.h"
 #include "MPA_reader.h"
+#include "MSY_process.h"
+#include "MTR_codes.h"
 
 MSE_session_record MSE_session;
 MSE_preferences MSE_pref;
-FILE* MSE_output = stdout;
 MSE_frontend_hooks MSE_frontend;
 MSE_limits_record MSE_limits;
 
@@ -44,6 +47,30 @@ const long report_ticks[9] = {2400, 1200, 600, 120, 80, 40, 20, 10, 2};
 bool batch_to_file() { return !MSE_session.batch_output.empty() && MSE_session.batch_output != "-"; }
 
 void fatal_out_of_memory() { MSE_fatal("Out of memory."); }
+
+// A finished report on its channel: 1014 on the system's error stream, errors and
+// warnings on their output channels, in pieces of at most a channel's buffer.
+void write_report(long number, std::string_view text) {
+    if (number == 1014) {
+        FILE* out = MSE_session.std_err ? MSE_session.std_err : stderr;
+        std::fwrite(text.data(), 1, text.size(), out);
+        std::fflush(out);
+        return;
+    }
+    const MOU_channel channel = number < 0 ? MOU_WRN : MOU_ERR;
+    constexpr size_t piece = 2048;
+    for (size_t at = 0; at < text.size(); at += piece) {
+        const size_t n = text.size() - at < piece ? text.size() - at : piece;
+        MOU_printf(channel, "%.*s", int(n), text.data() + at);
+    }
+    std::fflush(MSY_out());
+}
+
+bool reading_file(std::string& name) {
+    if (MSE_session.current_read_file.empty()) return false;
+    name = MSE_session.current_read_file;
+    return true;
+}
 
 // Allocation failure in a live session is a raisable error; a failure while that error
 // is being recovered from ends the process.
@@ -66,25 +93,53 @@ void new_handler_live() {
     MSE_fatal(text);
 }
 
+// Every table of built-ins, installed in one place. A fault in a table (an unknown name,
+// a second body) ends the start with a message that names the built-in.
+void install_builtins() {
+    for (const MFN_builtin_table& table :
+         {MAR_canonical_builtins, MAR_function_builtins, MCM_builtins, MEV_eval_builtins, MEV_call_builtins,
+          MEV_stmt_builtins, MEV_proc_builtins, MEV_operand_builtins, MEV_container_builtins, MEV_env_builtins,
+          MEV_trap_builtins, MOU_printer_builtins})
+        MFN_install(table);
+}
+
+// What the session gives the modules below it: the process services, the road of a
+// statement, the printing of results, and the file being read for error reports.
+void install_hooks() {
+    MSY_hooks.fatal = MSE_fatal;
+    MSY_hooks.write_report = write_report;
+    MSY_hooks.poll = MSE_poll;
+    MSY_hooks.tick = MSE_tick;
+    MSE_frontend.eval = MEV_toplevel_eval;
+    MSE_frontend.reset_evaluator = MEV_reset_after_error;
+    MSE_frontend.print_result = MOU_print_result;
+    MPA_hooks.toplevel_eval = MSE_toplevel_eval;
+    MEV_quit_hook = [] { MSE_session.control_state = 2; };
+    MER_set_file_routine(reading_file);
+}
+
 void start_modules() {
     MSE_session.modules_up = true;
     MMM_values_start();
     MMM_table_start();
+    MCM_start();
     MMM_ident_start();
+    MFN_names_start();
     MAR_start(MSE_session.stack_size, MSE_session.prime_limit);
     MAR_init_numbers();
     MAR_set_poll(MSE_poll);
     MPA_start();
     MOU_start();
     // The environment variables come before any other module makes one of their names.
+    MEV_directories = {MSE_session.lib_dir, MSE_session.package_path, MSE_session.user_packages};
     MEV_env_start();
     MAR_canonical_start();
-    MAR_functions_start();
     MEV_ops_start();
     MEV_proc_start();
-    // The evaluator and the function environments come last: the environments take the
-    // bodies and fronts every module above has registered.
     MEV_start();
+    // The environments point into the records, so bodies could come later too; at start
+    // they all come before the environments are made.
+    install_builtins();
     MFN_start();
 }
 
@@ -95,10 +150,10 @@ void MSE_alert(const std::string& text, const char* severity) {
     // The operator's alert on this platform is the standard error stream.
     std::fprintf(stderr, "%s\n", text.c_str());
     std::fflush(stderr);
-    if (batch_to_file() && MSE_output && MSE_output != stdout) {
+    if (batch_to_file() && MSY_output && MSY_output != stdout) {
         const bool stop = std::string_view(severity) == "stop";
-        std::fprintf(MSE_output, "%s%s\n", stop ? "Fatal Error: " : "Error: ", text.c_str());
-        std::fflush(MSE_output);
+        std::fprintf(MSY_output, "%s%s\n", stop ? "Fatal Error: " : "Error: ", text.c_str());
+        std::fflush(MSY_output);
     }
 }
 
@@ -116,11 +171,12 @@ void MSE_alert(const std::string& text, const char* severity) {
 MSE_start_result MSE_start(int argc, char** argv) {
     if (state == State::running) return MSE_ALREADY_RUNNING;
     MSE_set_defaults(argc > 0 ? argv[0] : nullptr);
-    MSE_session.start_real = MSE_monotonic_ms();
-    MSE_session.start_cpu = MSE_cpu_ms();
+    MSE_session.start_real = MSY_monotonic_ms();
+    MSE_session.start_cpu = MSY_cpu_ms();
     try {
         MSE_session.old_new_handler = std::set_new_handler(new_handler_live);
-        MSE_install_signal_handlers();
+        install_hooks();
+        MSY_install_signal_handlers();
 
         MSE_session.in_early_setup = true;
         MMM_init(MSE_poll);
@@ -131,7 +187,7 @@ MSE_start_result MSE_start(int argc, char** argv) {
         MSE_session.in_early_setup = false;
 
         const int left = MSE_parse_options(argc, argv);
-        MSE_output = MSE_session.std_out;
+        MSY_output = MSE_session.std_out;
         char** files = argv + (argc - left);
 
         // A client would send its init message here; on the terminal the kernel is its
@@ -156,18 +212,18 @@ MSE_start_result MSE_start(int argc, char** argv) {
 
 void MSE_stop(int exit_code, bool end_process) {
     try {
-        std::fflush(MSE_output);
+        std::fflush(MSY_output);
         MMM_set_memory_handler(fatal_out_of_memory);
         if (!MSE_session.in_boot && !MSE_session.in_early_setup && state == State::running) {
-            if (MSE_output && MSE_output != stdout && MSE_output != stderr) std::fclose(MSE_output);
-            MSE_output = stdout;
+            if (MSY_output && MSY_output != stdout && MSY_output != stderr) std::fclose(MSY_output);
+            MSY_output = stdout;
             MAR_stop();
             MMM_shutdown();
         }
         state = State::stopped;
-        MSE_watchdog_cancel();
-        MSE_time_limit_cancel();
-        MSE_remove_signal_handlers();
+        MSY_watchdog_cancel();
+        MSY_time_limit_cancel();
+        MSY_remove_signal_handlers();
         std::set_new_handler(MSE_session.old_new_handler);
     } catch (const MER_exception& e) {
         outermost(e.code);
@@ -178,18 +234,18 @@ void MSE_stop(int exit_code, bool end_process) {
 // ---- housekeeping ----
 
 void MSE_poll() {
-    if (MSE_watchdog_fired()) {
-        std::fflush(MSE_output);
+    if (MSY_watchdog_fired()) {
+        std::fflush(MSY_output);
         std::fprintf(stderr, "Watchdog time exceeded.\n");
         MSE_stop(2, true);
     }
-    if (MSE_session.interrupt_pending && !MSE_session.interrupts_deferred) {
-        MSE_session.interrupt_pending = 0;
+    if (MSY_interrupt_pending && !MSE_session.interrupts_deferred) {
+        MSY_interrupt_pending = 0;
         MER_raise(1102, nullptr);
     }
     // The time limit of a traperror: its timer only set the flag.
-    if (MSE_time_limit_expired()) {
-        MSE_time_limit_cancel();
+    if (MSY_time_limit_expired()) {
+        MSY_time_limit_cancel();
         MER_raise(1320, nullptr);
     }
 }
@@ -198,9 +254,9 @@ void MSE_status_line() {
     const long pari = MAR_stack_size();
     const long used = long(MMM_used_bytes()) + pari;
     const long reserved = long(MMM_reserved_bytes()) + pari;
-    const long seconds = (MSE_monotonic_ms() - MSE_limits.command_start_ms) / 1000;
+    const long seconds = (MSY_monotonic_ms() - MSE_limits.command_start_ms) / 1000;
     MOU_printf(MOU_WRN, "[used=%ldk, reserved=%ldk, seconds=%ld]\n", used / 1000, reserved / 1000, seconds);
-    std::fflush(MSE_output);
+    std::fflush(MSY_output);
 }
 
 void MSE_set_report(long user_value) {
@@ -228,7 +284,7 @@ void MSE_tick() {
             MER_raise(1044, "watchdog-memory");
         }
         if (MSE_limits.maxtime &&
-            MSE_monotonic_ms() >= MSE_limits.command_start_ms + MSE_limits.maxtime * 1000) {
+            MSY_monotonic_ms() >= MSE_limits.command_start_ms + MSE_limits.maxtime * 1000) {
             --tick_nesting;
             MER_raise(1044, "watchdog-time");
         }
@@ -258,10 +314,21 @@ void MSE_tidy() {
 
 void MSE_recover(bool clear_error) {
     MSE_session.control_state = MSE_session.control_state == 2 ? 2 : 0;
-    MER_reset(clear_error);
+    // 1014 ends the session; otherwise the evaluator's depths and frame are cleared and
+    // the PARI stack reset. After 1300 the heap is swept, and only then is the error
+    // reported: memory is back only after the sweep.
+    if (MER_pending == 1014) MSE_stop(1, true);
+    if (MSE_frontend.reset_evaluator) MSE_frontend.reset_evaluator();
+    MAR_reset_stack();
+    if (MER_pending == 1300) {
+        MMM_mark_all();
+        MMM_sweep();
+        MER_warn(1300, nullptr);
+    }
+    if (clear_error) MER_pending = 0;
 }
 
-void MSE_write_report(long number, const std::string& text) { MER_write(number, text + "\n"); }
+void MSE_write_report(long number, const std::string& text) { MSY_write_report(number, text + "\n"); }
 
 namespace {
 void report_va(long code, const char* text, ...) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "MMM_cell.h"
+#include "MSY_process.h"
 
 constexpr int MSE_VERSION_MAJOR = 3;
 constexpr int MSE_VERSION_MINOR = 1;
@@ -54,7 +55,6 @@ struct MSE_session_record {
     std::string secure_write_path;
     std::string secure_exec_path;
     int control_state = 0;  // 0 normal, 1 leaving a loop or procedure, 2 the session ends
-    volatile std::sig_atomic_t interrupt_pending = 0;
     bool interrupts_deferred = true;
     std::string package_path;
     std::string lib_path;
@@ -70,13 +70,10 @@ struct MSE_preferences {
     bool echo = true;
     bool secure_kernel = false;
     bool signed_lib_only = false;
-    bool warn_changes = false;
     bool ignore_no_debug = false;
 };
 extern MSE_preferences MSE_pref;
 
-// Where results and reports go now: the standard output or the batch output file.
-extern FILE* MSE_output;
 
 // Where the evaluator and the printer plug into the road of a command. Until they are
 // installed a statement evaluates to itself and nothing is printed.
@@ -97,6 +94,8 @@ enum MSE_start_result { MSE_RUNNING = 0, MSE_ALREADY_RUNNING = 1, MSE_FINISHED =
 MSE_start_result MSE_start(int argc, char** argv);
 [[noreturn]] void MSE_exit(int code);
 void MSE_stop(int exit_code, bool end_process);
+// The session's fatal exit; installed as MSY_hooks.fatal, through which every module
+// reaches it (MSY_fatal).
 [[noreturn]] void MSE_fatal(const std::string& text);
 void MSE_alert(const std::string& text, const char* severity);
 
@@ -173,22 +172,3 @@ void MSE_write_report(long number, const std::string& text);
 // Error report of the session: the same routine as MER_report.
 void MSE_error_report(long code, const char* text);
 
-// ---- signals and timers (they only set flags) ----
-void MSE_install_signal_handlers();
-void MSE_remove_signal_handlers();
-bool MSE_watchdog_start(long seconds);
-void MSE_watchdog_cancel();
-bool MSE_watchdog_fired();
-// The time limit of traperror: one timer, set for the nearest deadline (monotonic
-// milliseconds). When it expires its handler sets a flag, and MSE_poll raises 1320.
-// Setting a deadline or cancelling clears the flag.
-void MSE_time_limit_set(long deadline_ms);
-void MSE_time_limit_cancel();
-bool MSE_time_limit_expired();
-long MSE_monotonic_ms();
-// The lowest address and the size of the calling thread's stack (0 when unknown).
-void MSE_stack_bounds(const char** low, size_t* size);
-// True when the calling thread has used up its stack but for a safety margin (an eighth
-// of it, at least 1 MiB): deep recursion stops here with an error instead of a fault.
-bool MSE_stack_nearly_full();
-long MSE_cpu_ms();

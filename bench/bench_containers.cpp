@@ -80,7 +80,7 @@ void BM_shared_table_write(benchmark::State& state) {
     std::vector<Cell> keys = integer_keys(100000);
     Cell a = MMM_ident_named("bench_a");
     Cell t = table_of(keys);
-    MMM_release(MMM_set_value(a, t, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(a, t, 0, MMM_root_frame));
     MMM_release(t);
     Cell stmt = parsed("bench_b := bench_a: bench_b[13] := 0:");
     uint64_t cells = 0;
@@ -92,7 +92,7 @@ void BM_shared_table_write(benchmark::State& state) {
     }
     state.counters["cells_per_write"] = double(cells) / double(state.iterations());
     MMM_release(stmt);
-    MMM_release(MMM_set_value(a, nullptr, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(a, nullptr, 0, MMM_root_frame));
     MMM_release(a);
     release_all(keys);
     MMM_reclaim();
@@ -109,7 +109,7 @@ void op_loop(benchmark::State& state, bool forwards) {
     MMM_sign(s);
     for (auto _ : state) {
         for (long i = 1; i <= n; ++i) {
-            Cell x = MSU_op(s, forwards ? i : n + 1 - i);
+            Cell x = MEV_op(s, forwards ? i : n + 1 - i);
             benchmark::DoNotOptimize(x);
             MMM_release(x);
         }

@@ -92,7 +92,7 @@ BENCHMARK(BM_eval_symbolic_tree);
 void BM_identifier_lookup(benchmark::State& state) {
     Cell x = MMM_ident_named("bench_x");
     Cell one = parsed("1");
-    MMM_release(MMM_set_value(x, one, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(x, one, 0, MMM_root_frame));
     for (auto _ : state) {
         Cell v = MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0);
         benchmark::DoNotOptimize(v);

@@ -18,8 +18,8 @@ bool start() {
     static std::string lib = TORVA_LIBRARY_DIR;
     std::vector<char*> args = {program.data(), const_cast<char*>("-f"), const_cast<char*>("-l"), lib.data()};
     if (MSE_start(int(args.size()), args.data()) != MSE_RUNNING) return false;
-    MSE_remove_signal_handlers();  // crashes are the fuzzer's to report
-    MSE_output = std::fopen("/dev/null", "w");
+    MSY_remove_signal_handlers();  // crashes are the fuzzer's to report
+    MSY_output = std::fopen("/dev/null", "w");
     return true;
 }
 

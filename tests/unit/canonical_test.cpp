@@ -190,10 +190,10 @@ TEST(SystemOrder, TablesAndSetsIgnoreInsertionOrder) {
 TEST(SystemOrder, KindsWithoutOrderReportAndGiveZero) {
     Cell a = MMM_new(MMM_TEXT, 8, 0), b = MMM_new(MMM_TEXT, 8, 0);
     FILE* out = std::tmpfile();
-    FILE* saved = MSE_output;
-    MSE_output = out;
+    FILE* saved = MSY_output;
+    MSY_output = out;
     const int r = MCM_compare(a, b);
-    MSE_output = saved;
+    MSY_output = saved;
     std::rewind(out);
     char buf[128] = {};
     const size_t n = std::fread(buf, 1, sizeof buf - 1, out);

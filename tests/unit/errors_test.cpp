@@ -31,14 +31,14 @@ size_t count_of(const std::string& text, const std::string& part) {
 }
 
 TEST(Errors, AnInnerTimeLimitIsChargedToTheOuterOne) {
-    const long start = MSE_monotonic_ms();
+    const long start = MSY_monotonic_ms();
     EXPECT_EQ(eval("traperror((t_r := traperror((while TRUE do end_while), 1); while TRUE do end_while), 2)"),
               "1320");
-    const long elapsed = MSE_monotonic_ms() - start;
+    const long elapsed = MSY_monotonic_ms() - start;
     EXPECT_EQ(eval("t_r"), "1320");
     EXPECT_GE(elapsed, 1900);
     EXPECT_LT(elapsed, 2700) << "the outer limit ran on from its own start, not from the inner one's end";
-    EXPECT_FALSE(MSE_time_limit_expired());
+    EXPECT_FALSE(MSY_time_limit_expired());
     EXPECT_EQ(MER_pending, 0);
     EXPECT_FALSE(MER_trapped);
     eval("delete t_r");
@@ -52,7 +52,7 @@ struct LimitsGuard {
 TEST(Errors, TheTickRaisesTheWatchdogsOfTimeAndMemory) {
     LimitsGuard guard;
     MSE_limits.maxtime = 1;
-    MSE_limits.command_start_ms = MSE_monotonic_ms() - 1000;
+    MSE_limits.command_start_ms = MSY_monotonic_ms() - 1000;
     EXPECT_EQ(eval("traperror((while TRUE do end_while))"), "1044");
     EXPECT_NE(MER_last_text.find("[watchdog-time]"), std::string::npos) << MER_last_text;
     MSE_limits.maxtime = 0;
@@ -111,11 +111,11 @@ TEST(Errors, ReportsGoThroughTheirChannels) {
 }
 
 TEST(Errors, ASnapshotPutsTheSettingsBackAndReleasesWhatItHeld) {
-    Cell frame = MMM_frame_new(MEV_root_frame, MMM_NIL);
-    const uint32_t root_count = MEV_root_frame->refcount;
+    Cell frame = MMM_frame_new(MMM_root_frame, MMM_NIL);
+    const uint32_t root_count = MMM_root_frame->refcount;
     MER_snapshot_record s;
     MER_snapshot(s);
-    EXPECT_EQ(MEV_root_frame->refcount, root_count + 1);
+    EXPECT_EQ(MMM_root_frame->refcount, root_count + 1);
 
     MAR_set_digits(40);
     MOU_set_textwidth(30);
@@ -125,10 +125,10 @@ TEST(Errors, ASnapshotPutsTheSettingsBackAndReleasesWhatItHeld) {
     MOU_channel_format[MOU_RES] = MOU_NUL;
     Cell read_path = MMM_make_string("r/");
     std::swap(MEV_read_path, read_path);
-    Cell saved_current = MEV_current_frame;
-    MMM_release(MEV_current_frame);  // the snapshot keeps it alive
+    Cell saved_current = MMM_current_frame;
+    MMM_release(MMM_current_frame);  // the snapshot keeps it alive
     MMM_retain(frame);
-    MEV_current_frame = frame;
+    MMM_current_frame = frame;
     const uint32_t frame_count = frame->refcount;
 
     MER_restore(s);
@@ -139,21 +139,21 @@ TEST(Errors, ASnapshotPutsTheSettingsBackAndReleasesWhatItHeld) {
     EXPECT_TRUE(MOU_pretty);
     EXPECT_EQ(MOU_channel_format[MOU_RES], MOU_TXT);
     EXPECT_EQ(MEV_read_path, nullptr);
-    EXPECT_EQ(MEV_current_frame, saved_current);
+    EXPECT_EQ(MMM_current_frame, saved_current);
     EXPECT_EQ(frame->refcount, frame_count - 1) << "the frame that replaced the current one is released";
     MER_free_snapshot(s);
-    EXPECT_EQ(MEV_root_frame->refcount, root_count);
+    EXPECT_EQ(MMM_root_frame->refcount, root_count);
     MMM_release(frame);
 }
 
 TEST(Errors, ADeletionShowsTheSetterTheValueOfTheFrameAbove) {
     Cell digits = MMM_ident_named("DIGITS");
-    Cell frame = MMM_frame_new(MEV_root_frame, MMM_NIL);
+    Cell frame = MMM_frame_new(MMM_root_frame, MMM_NIL);
     Cell twenty = MAR_from_long(20), thirty = MAR_from_long(30);
-    MMM_release(MMM_set_value(digits, twenty, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(digits, twenty, 0, MMM_root_frame));
     EXPECT_EQ(MAR_digits, 20);
-    Cell saved_current = MEV_current_frame;
-    MEV_current_frame = frame;
+    Cell saved_current = MMM_current_frame;
+    MMM_current_frame = frame;
     MMM_release(MMM_set_value(digits, thirty, 0, frame));
     EXPECT_EQ(MAR_digits, 30);
     Cell in_frame = MMM_value_in(digits, frame, false);
@@ -162,8 +162,8 @@ TEST(Errors, ADeletionShowsTheSetterTheValueOfTheFrameAbove) {
     MMM_release(in_frame);
     MMM_release(MMM_set_value(digits, nullptr, 0, frame));
     EXPECT_EQ(MAR_digits, 20) << "after the deletion the root frame's value is in force";
-    MEV_current_frame = saved_current;
-    MMM_release(MMM_set_value(digits, nullptr, 0, MEV_root_frame));
+    MMM_current_frame = saved_current;
+    MMM_release(MMM_set_value(digits, nullptr, 0, MMM_root_frame));
     EXPECT_EQ(MAR_digits, 10);
     for (Cell c : {digits, frame, twenty, thirty}) MMM_release(c);
 }

@@ -26,14 +26,14 @@ std::string eval(std::string_view text) { return eval_shown(text, dump_tree, tru
 void set(const char* name, std::string_view value_text) {
     Cell id = MMM_ident_named(name);
     Cell v = parse_text(value_text);
-    MMM_release(MMM_set_value(id, v, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(id, v, 0, MMM_root_frame));
     MMM_release(v);
     MMM_release(id);
 }
 
 void unset(const char* name) {
     Cell id = MMM_ident_named(name);
-    MMM_release(MMM_set_value(id, nullptr, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(id, nullptr, 0, MMM_root_frame));
     MMM_release(id);
 }
 
@@ -152,7 +152,7 @@ TEST(Eval, FunctionEnvironments) {
     MMM_release(key);
     EXPECT_EQ(MMM_protection(plus), 4) << "operators are bound at kernel protection";
     Cell one = parse_text("1");
-    EXPECT_THROW(MMM_set_value(plus, one, 4, MEV_root_frame), MER_exception);
+    EXPECT_THROW(MMM_set_value(plus, one, 4, MMM_root_frame), MER_exception);
     MER_pending = 0;
     MMM_release(one);
 

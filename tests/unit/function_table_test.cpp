@@ -312,30 +312,30 @@ TEST(FunctionTable, NamedIdsNameTheirFunctions) {
 }
 
 TEST(FunctionTable, EachCodeNamesOneRoutine) {
-    for (const std::string& f : MTR_check_codes()) ADD_FAILURE() << f;
+    for (const std::string& f : MFN_check_codes()) ADD_FAILURE() << f;
 
-    const MTR_code_entry* sym = MTR_find_code(1001);
+    const MFN_code_entry* sym = MFN_find_code(1001);
     ASSERT_NE(sym, nullptr);
     EXPECT_EQ(sym->role, MTR_EVALUATOR);
     EXPECT_EQ(sym->carriers, 23);
-    EXPECT_EQ(MTR_find_code(1000)->carriers, 9);
-    EXPECT_EQ(MTR_find_code(401)->carriers, 7);
-    EXPECT_EQ(MTR_find_code(1026)->carriers, 1);
-    const MTR_code_entry* num = MTR_find_code(1333);
+    EXPECT_EQ(MFN_find_code(1000)->carriers, 9);
+    EXPECT_EQ(MFN_find_code(401)->carriers, 7);
+    EXPECT_EQ(MFN_find_code(1026)->carriers, 1);
+    const MFN_code_entry* num = MFN_find_code(1333);
     ASSERT_NE(num, nullptr);
     EXPECT_EQ(num->role, MTR_NUMERIC);
     EXPECT_STREQ(num->record->name, "ibeta");
-    const MTR_code_entry* pr = MTR_find_code(1120);
+    const MFN_code_entry* pr = MFN_find_code(1120);
     ASSERT_NE(pr, nullptr);
     EXPECT_EQ(pr->role, MTR_PRINTER);
     EXPECT_STREQ(pr->record->name, "_not");
-    EXPECT_STREQ(MTR_find_name_for_code(817), "_plus");
-    EXPECT_STREQ(MTR_find_name_for_code(2000), "array");
-    EXPECT_STREQ(MTR_find_name_for_code(409), "DOM_INTERVAL::arg");
+    EXPECT_STREQ(MFN_find_name_for_code(817), "_plus");
+    EXPECT_STREQ(MFN_find_name_for_code(2000), "array");
+    EXPECT_STREQ(MFN_find_name_for_code(409), "DOM_INTERVAL::arg");
     for (int c : {0, 99, MTR_CODE_PROCEDURE_CALL, MTR_CODE_OPERATOR_PRINTER,
                   MTR_CODE_CALL_PRINTER, 1027, 99999}) {
-        EXPECT_EQ(MTR_find_code(c), nullptr) << c;
-        EXPECT_STREQ(MTR_find_name_for_code(c), "") << c;
+        EXPECT_EQ(MFN_find_code(c), nullptr) << c;
+        EXPECT_STREQ(MFN_find_name_for_code(c), "") << c;
     }
 }
 
@@ -350,7 +350,7 @@ TEST(FunctionTable, CodeCheckFindsNumbersThatNameTwoRoutines) {
     MFN_operator_record o{{MFN_OPERATOR, 5, "_o", nullptr, 817}, 1000, " + "};
     MFN_special_record s{{MFN_SPECIAL, 6, "_s", nullptr, 828}, nullptr, 1122, 1000, nullptr};
     auto faults = [](std::initializer_list<const MFN_record*> rs) {
-        return MTR_check_codes(std::span<const MFN_record* const>(rs.begin(), rs.size()));
+        return MFN_check_codes(std::span<const MFN_record* const>(rs.begin(), rs.size()));
     };
     EXPECT_TRUE(faults({&sin, &cos, &f, &g, &o, &s}).empty());
 
@@ -373,43 +373,6 @@ TEST(FunctionTable, CodeCheckFindsNumbersThatNameTwoRoutines) {
     EXPECT_TRUE(faults({&sin, &cos}).empty());
     cos.routine = dummy_b;
     EXPECT_EQ(faults({&sin, &cos}).size(), 1u);
-}
-
-TEST(FunctionTable, ABodyReachesEveryFunctionOfItsCodeAndLeavesTheMissingList) {
-    const std::vector<std::string> before = MFN_missing_bodies();
-    std::cout << "Built-ins without a body (" << before.size() << "):";
-    for (const std::string& n : before) std::cout << ' ' << n;
-    std::cout << '\n';
-    size_t null_slots = 0;
-    for (const MFN_record* r : MFN_records())
-        null_slots += !r->routine + (r->kind == MFN_MATH && !MFN_numeric_routine(r)) +
-                      (r->kind == MFN_SPECIAL && !MFN_special_print_routine(r));
-    EXPECT_EQ(before.size(), null_slots);
-
-    const MFN_record* cos = MFN_record_by_name("cos");
-    const MFN_record* sin = MFN_record_by_name("sin");
-    const MFN_record* abs = MFN_record_by_name("abs");
-    ASSERT_TRUE(cos && sin && abs);
-    if (cos->routine) GTEST_SKIP() << "the symbolic math routine has a body already";
-    const MFN_routine abs_before = abs->routine;
-
-    ASSERT_TRUE(MFN_set_routine(cos->id, dummy_a));
-    EXPECT_EQ(sin->routine, dummy_a);
-    EXPECT_EQ(MFN_record_by_name("DOM_INTERVAL::ln")->routine, nullptr);  // code 401
-    EXPECT_EQ(abs->routine, abs_before);                                 // code 1000
-    EXPECT_EQ(MFN_missing_bodies().size(), before.size() - 23);
-    EXPECT_TRUE(MTR_check_codes().empty());
-    EXPECT_FALSE(MFN_set_routine(sin->id, dummy_b));  // the number has its routine
-    EXPECT_EQ(cos->routine, dummy_a);
-    EXPECT_TRUE(MFN_set_routine(sin->id, dummy_a));
-    EXPECT_TRUE(MFN_set_routine(sin->id, nullptr));
-    EXPECT_EQ(cos->routine, nullptr);
-    EXPECT_EQ(MFN_missing_bodies(), before);
-
-    EXPECT_FALSE(MFN_set_routine(108, dummy_a));
-    EXPECT_FALSE(MFN_set_numeric_routine(MFN_ID_PLUS, dummy_a));
-    EXPECT_FALSE(MFN_set_print_routine(cos->id, nullptr));
-    EXPECT_FALSE(MFN_set_print_routine(MFN_ID_PLUS, nullptr));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <vector>
 
+#include "MCM_equal.h"
 #include "MMM_heap.h"
 #include "MMM_values.h"
 
@@ -300,6 +301,7 @@ TEST_F(Heap, SignaturesFollowTheirKind) {
 
 TEST_F(Heap, ShareMergesEqualValuesButNeverIdentifiers) {
     MMM_values_start();
+    MCM_start();
     auto list_of = [](const char* text) {
         Cell l = MMM_make_list(1);
         MMM_children(l)[0] = MMM_make_string(text);

@@ -51,11 +51,11 @@ TEST(Identifiers, OneCellForEachName) {
 TEST(Identifiers, ValuesFollowTheFrameChain) {
     Cell x = MMM_ident_named("ident_test_x");
     Cell name = MMM_make_string("child");
-    Cell middle = MMM_frame_new(MEV_root_frame, name);
+    Cell middle = MMM_frame_new(MMM_root_frame, name);
     Cell child = MMM_frame_new(middle, name);
-    assign(x, 1, MEV_root_frame);
-    Cell saved = MEV_current_frame;
-    MEV_current_frame = child;
+    assign(x, 1, MMM_root_frame);
+    Cell saved = MMM_current_frame;
+    MMM_current_frame = child;
     EXPECT_EQ(value_of(x), 1) << "a frame without a binding reads its parent's value";
     assign(x, 2, middle);  // the cache of the last read must not hide this
     EXPECT_EQ(value_of(x), 2);
@@ -63,9 +63,9 @@ TEST(Identifiers, ValuesFollowTheFrameChain) {
     EXPECT_EQ(value_of(x), 3);
     MMM_release(MMM_set_value(x, nullptr, 0, child));
     EXPECT_EQ(value_of(x), 2) << "after a deletion the parent's value shows again";
-    MEV_current_frame = saved;
+    MMM_current_frame = saved;
     EXPECT_EQ(value_of(x), 1);
-    MMM_release(MMM_set_value(x, nullptr, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(x, nullptr, 0, MMM_root_frame));
     EXPECT_EQ(value_of(x), -1);
     for (Cell c : {x, name, middle, child}) MMM_release(c);
 }
@@ -73,40 +73,40 @@ TEST(Identifiers, ValuesFollowTheFrameChain) {
 TEST(Identifiers, ProtectionLevels) {
     EXPECT_EQ(raised([] {
                   Cell k = MMM_ident_named("#k");
-                  assign(k, 1, MEV_current_frame, MMM_SET_PRIVILEGED);
+                  assign(k, 1, MMM_current_frame, MMM_SET_PRIVILEGED);
               }),
               1046)
         << "kernel names can't be written";
     EXPECT_EQ(raised([] {
                   Cell h = MMM_ident_named("#");
-                  assign(h, 1, MEV_current_frame);
+                  assign(h, 1, MMM_current_frame);
                   MMM_release(h);
               }),
               0);
     Cell p = MMM_ident_named("ident_test_p");
-    assign(p, 1, MEV_current_frame);
-    MMM_binding_set_level(MMM_binding_find(p, MEV_current_frame), MMM_PROTECT_ERROR);
+    assign(p, 1, MMM_current_frame);
+    MMM_binding_set_level(MMM_binding_find(p, MMM_current_frame), MMM_PROTECT_ERROR);
     EXPECT_EQ(MMM_protection(p), MMM_PROTECT_ERROR);
     EXPECT_EQ(raised([] {
                   Cell q = MMM_ident_named("ident_test_p");
-                  assign(q, 2, MEV_current_frame);
+                  assign(q, 2, MMM_current_frame);
               }),
               1046);
     EXPECT_EQ(value_of(p), 1);
     EXPECT_EQ(raised([] {
                   Cell q = MMM_ident_named("ident_test_p");
-                  assign(q, 2, MEV_current_frame, MMM_SET_PRIVILEGED);
+                  assign(q, 2, MMM_current_frame, MMM_SET_PRIVILEGED);
                   MMM_release(q);
               }),
               0)
         << "a privileged write passes level 2";
     EXPECT_EQ(value_of(p), 2);
     // A new binding in a child frame inherits the protection of the one it hides.
-    Cell child = MMM_frame_new(MEV_current_frame, MMM_NIL);
+    Cell child = MMM_frame_new(MMM_current_frame, MMM_NIL);
     Cell b = MMM_binding_make(p, child);
     EXPECT_EQ(MMM_binding_level(b), MMM_PROTECT_ERROR);
-    MMM_binding_set_level(MMM_binding_find(p, MEV_current_frame), MMM_PROTECT_NONE);
-    MMM_release(MMM_set_value(p, nullptr, 0, MEV_current_frame));
+    MMM_binding_set_level(MMM_binding_find(p, MMM_current_frame), MMM_PROTECT_NONE);
+    MMM_release(MMM_set_value(p, nullptr, 0, MMM_current_frame));
     MMM_release(child);
     MMM_release(p);
 }
@@ -115,7 +115,7 @@ TEST(Identifiers, DeadIdentifiersAreDroppedAndLiveOnesKept) {
     Cell kept = MMM_ident_named("ident_test_kept");
     Cell gone = MMM_ident_named("ident_test_gone");
     Cell bound = MMM_ident_named("ident_test_bound");
-    assign(bound, 7, MEV_current_frame);
+    assign(bound, 7, MMM_current_frame);
     MMM_release(gone);
     MMM_release(bound);
     MMM_sign_idents();
@@ -123,7 +123,7 @@ TEST(Identifiers, DeadIdentifiersAreDroppedAndLiveOnesKept) {
     EXPECT_EQ(MMM_ident_exists(MMM_intern("ident_test_gone")), nullptr);
     Cell again = MMM_ident_named("ident_test_bound");
     EXPECT_EQ(value_of(again), 7);
-    MMM_release(MMM_set_value(again, nullptr, 0, MEV_current_frame));
+    MMM_release(MMM_set_value(again, nullptr, 0, MMM_current_frame));
     MMM_release(again);
     MMM_release(kept);
 }

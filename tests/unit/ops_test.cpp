@@ -28,7 +28,7 @@ std::string run(std::string_view text) { return eval_shown(text, MOU_to_text, fa
 // Binds a value (taken over) to a name at the root frame.
 void bind(const char* name, Cell value) {
     Cell id = MMM_ident_named(name);
-    MMM_release(MMM_set_value(id, value, 0, MEV_root_frame));
+    MMM_release(MMM_set_value(id, value, 0, MMM_root_frame));
     MMM_release(value);
     MMM_release(id);
 }
@@ -162,7 +162,7 @@ TEST(Frames, ChildListsGrowAndCloseWithTheFrame) {
     EXPECT_EQ(MMM_child(f, 0)->signature, serial) << "the body keeps its serial when it moves";
     EXPECT_EQ(run("_frame(fr_F): fr_v"), "7");
     EXPECT_EQ(run("_frame(fr_G): fr_w"), "8");
-    Cell g = MEV_current_frame;
+    Cell g = MMM_current_frame;
     MMM_retain(g);
     EXPECT_EQ(MMM_frame_child_serial(f, 0), g->signature);
     EXPECT_EQ(run("_frame(_rootFrame()): delete fr_F: fr_F"), "fr_F");
@@ -181,10 +181,10 @@ TEST(Frames, PathsFromTheRoot) {
     EXPECT_EQ(MMM_ident_text(MMM_frame_name(last)), "fp_Q");
     Cell parent = MMM_frame_parent(last);
     EXPECT_EQ(MMM_ident_text(MMM_frame_name(parent)), "fp_P");
-    EXPECT_EQ(MMM_frame_parent(parent), MEV_root_frame);
+    EXPECT_EQ(MMM_frame_parent(parent), MMM_root_frame);
     EXPECT_EQ(MMM_frame_child_count(parent), 1) << "a child of a frame below the root is listed";
     EXPECT_EQ(MEV_enter_frame_path("fp_P::fp_Q"), last) << "the same path enters the same frames";
-    EXPECT_EQ(MEV_enter_frame_path(""), MEV_root_frame);
+    EXPECT_EQ(MEV_enter_frame_path(""), MMM_root_frame);
     EXPECT_EQ(run("_frame(a, b)"), "Error 1004");
     EXPECT_EQ(run("_rootFrame(1)"), "Error 1004");
 }

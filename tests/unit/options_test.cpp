@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "MPA_reader.h"
 #include "MSE_session.h"
 #include "run_program.h"
 
@@ -70,8 +71,8 @@ TEST(Options, EachOptionSetsItsField) {
         {{"/P", "SWP=", "/w", "/P", "SXP+", "/x"}, 0,
          [] { return MSE_session.secure_write_path == "/w" && MSE_session.secure_exec_path == "/x"; }},
         {{"/P", "sW"}, 0,
-         [] { return !MSE_pref.secure_kernel && MSE_pref.warn_changes && MSE_session.warn_changes; }},
-        {{"/P", "SLw"}, 0, [] { return MSE_pref.secure_kernel && MSE_pref.signed_lib_only && !MSE_pref.warn_changes; }},
+         [] { return !MSE_pref.secure_kernel && MPA_warn_changes && MSE_session.warn_changes; }},
+        {{"/P", "SLw"}, 0, [] { return MSE_pref.secure_kernel && MSE_pref.signed_lib_only && !MPA_warn_changes; }},
         {{"/p", "/pk1", "/p", "/pk2"}, 0,
          [] {
              return MSE_session.package_path == "/pk1;/pk2" && MSE_session.secure_read_path == "/pk1;/pk2" &&

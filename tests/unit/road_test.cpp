@@ -34,7 +34,7 @@ Cell eval_string(Cell stmt) {
     const std::string s(MMM_string_view(MMM_child(stmt, 0)));
     if (s == "fail") MER_raise(1028, "it failed");
     if (s == "stop") {
-        MSE_session.interrupt_pending = 1;
+        MSY_interrupt_pending = 1;
         MSE_poll();
     }
     if (s == "grow") {
@@ -55,10 +55,10 @@ std::string run_command(const std::string& text, long id) {
     MSE_frontend.print_result = print_string;
     printed.clear();
     FILE* out = std::tmpfile();
-    MSE_output = out;
+    MSY_output = out;
     MSE_post(new MSE_text_command(text, id, note_finished));
     MSE_main_loop(false);
-    MSE_output = stdout;
+    MSY_output = stdout;
     MSE_frontend = saved;
     std::rewind(out);
     std::string text_out;
@@ -93,7 +93,7 @@ TEST(Road, AnInterruptAbortsTheComputation) {
     const std::string out = run_command("stop;after", 4);
     EXPECT_EQ(out, "Error: Computation aborted\n");
     EXPECT_TRUE(printed.empty());
-    EXPECT_EQ(MSE_session.interrupt_pending, 0);
+    EXPECT_EQ(MSY_interrupt_pending, 0);
 }
 
 TEST(Road, OutOfMemoryFreesTheTemporariesBeforeItIsReported) {

@@ -14,11 +14,11 @@
 template <typename F>
 std::string capture_output(F f) {
     FILE* out = std::tmpfile();
-    FILE* saved = MSE_output;
-    MSE_output = out;
+    FILE* saved = MSY_output;
+    MSY_output = out;
     f();
     std::fflush(out);
-    MSE_output = saved;
+    MSY_output = saved;
     std::rewind(out);
     std::string text;
     char buf[4096];

@@ -19,6 +19,7 @@ protected:
         MMM_open(0);
         MMM_values_start();
         MMM_table_start();
+        MCM_start();
         base_cells = MMM_live_cells();
     }
     // Once the test's own cells are released the live count must come back: a leak or a

@@ -1,5 +1,7 @@
-// Signals and timers. Handlers only set flags; MSE_poll acts on them. The exception is a
-// machine fault, which cannot be resumed: it ends the process with a message.
+// Process services: fatal exit and reports by default, the output streams, signals and
+// timers, clocks, and the native-stack check. Signal handlers only set flags; the poll
+// acts on them. The exception is a machine fault, which cannot be resumed: it ends the
+// process with a message.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -10,7 +12,11 @@
 #include <cstring>
 #include <ctime>
 
-#include "MSE_session.h"
+#include "MSY_process.h"
+
+MSY_hooks_record MSY_hooks;
+FILE* MSY_output = nullptr;
+volatile std::sig_atomic_t MSY_interrupt_pending = 0;
 
 namespace {
 
@@ -40,7 +46,7 @@ void write_stderr(const char* text) {
     }
 }
 
-void on_interrupt(int) { MSE_session.interrupt_pending = 1; }
+void on_interrupt(int) { MSY_interrupt_pending = 1; }
 
 // Sets a one-shot timer to expire in ms milliseconds.
 void arm_timer(timer_t timer, long ms) {
@@ -53,7 +59,7 @@ void arm_timer(timer_t timer, long ms) {
 
 void arm(long ms) { arm_timer(watchdog_timer, ms); }
 
-// The first expiry asks MSE_poll to stop the session. If nothing polls within the grace
+// The first expiry asks the poll to stop the session. If nothing polls within the grace
 // period (the kernel waits for input, or is stuck in a long native computation), the
 // second expiry ends the process itself.
 void on_watchdog(int) {
@@ -103,7 +109,21 @@ void set_handler(int sig, void (*fn)(int), int flags) {
 
 }  // namespace
 
-void MSE_stack_bounds(const char** low, size_t* size) {
+[[noreturn]] void MSY_fatal(const std::string& text) {
+    if (MSY_hooks.fatal) MSY_hooks.fatal(text);
+    std::fprintf(stderr, "%s\n", text.c_str());
+    std::exit(1);
+}
+
+void MSY_write_report(long number, std::string_view text) {
+    if (MSY_hooks.write_report) {
+        MSY_hooks.write_report(number, text);
+        return;
+    }
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+void MSY_stack_bounds(const char** low, size_t* size) {
     *low = nullptr;
     *size = 0;
     pthread_attr_t attr;
@@ -114,11 +134,11 @@ void MSE_stack_bounds(const char** low, size_t* size) {
     *low = static_cast<const char*>(base);
 }
 
-bool MSE_stack_nearly_full() {
+bool MSY_stack_nearly_full() {
     thread_local const char* limit = [] {
         const char* low = nullptr;
         size_t size = 0;
-        MSE_stack_bounds(&low, &size);
+        MSY_stack_bounds(&low, &size);
         if (!low) return static_cast<const char*>(nullptr);
         return low + (size / 8 > (size_t(1) << 20) ? size / 8 : (size_t(1) << 20));
     }();
@@ -126,19 +146,19 @@ bool MSE_stack_nearly_full() {
     return &probe < limit;
 }
 
-long MSE_monotonic_ms() {
+long MSY_monotonic_ms() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return long(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-long MSE_cpu_ms() {
+long MSY_cpu_ms() {
     timespec ts;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
     return long(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-void MSE_install_signal_handlers() {
+void MSY_install_signal_handlers() {
     set_handler(SIGINT, on_interrupt, SA_RESTART);
     set_handler(WATCHDOG_SIGNAL, on_watchdog, SA_RESTART);
 
@@ -153,7 +173,7 @@ void MSE_install_signal_handlers() {
     }
     const char* low = nullptr;
     size_t size = 0;
-    MSE_stack_bounds(&low, &size);
+    MSY_stack_bounds(&low, &size);
     stack_low = reinterpret_cast<uintptr_t>(low);
     struct sigaction sa {};
     sa.sa_sigaction = on_fault;
@@ -162,18 +182,17 @@ void MSE_install_signal_handlers() {
     for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigaction(sig, &sa, nullptr);
 }
 
-void MSE_remove_signal_handlers() {
+void MSY_remove_signal_handlers() {
     for (int sig : {SIGINT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) set_handler(sig, SIG_DFL, 0);
 }
 
-bool MSE_watchdog_start(long seconds) {
-    MSE_watchdog_cancel();
+bool MSY_watchdog_start(long seconds) {
+    MSY_watchdog_cancel();
     set_handler(WATCHDOG_SIGNAL, on_watchdog, SA_RESTART);
     sigevent ev{};
     ev.sigev_notify = SIGEV_SIGNAL;
     ev.sigev_signo = WATCHDOG_SIGNAL;
     if (timer_create(CLOCK_MONOTONIC, &ev, &watchdog_timer) != 0) {
-        MSE_alert("Could not get a timer.", "warning");
         return false;
     }
     watchdog_armed = true;
@@ -184,16 +203,16 @@ bool MSE_watchdog_start(long seconds) {
     return true;
 }
 
-void MSE_watchdog_cancel() {
+void MSY_watchdog_cancel() {
     if (!watchdog_armed) return;
     timer_delete(watchdog_timer);
     watchdog_armed = false;
     watchdog_flag = 0;
 }
 
-bool MSE_watchdog_fired() { return watchdog_flag != 0; }
+bool MSY_watchdog_fired() { return watchdog_flag != 0; }
 
-void MSE_time_limit_set(long deadline_ms) {
+void MSY_time_limit_set(long deadline_ms) {
     time_limit_deadline = deadline_ms;
     if (!time_limit_made) {
         set_handler(time_limit_signal(), on_time_limit, SA_RESTART);
@@ -208,11 +227,11 @@ void MSE_time_limit_set(long deadline_ms) {
         time_limit_made = true;
     }
     time_limit_flag = 0;
-    const long now = MSE_monotonic_ms();
+    const long now = MSY_monotonic_ms();
     arm_timer(time_limit_timer, deadline_ms > now ? deadline_ms - now : 0);
 }
 
-void MSE_time_limit_cancel() {
+void MSY_time_limit_cancel() {
     if (time_limit_made) {
         itimerspec off{};
         timer_settime(time_limit_timer, 0, &off, nullptr);
@@ -223,7 +242,7 @@ void MSE_time_limit_cancel() {
 
 // The clock is read only once the flag is up (or when there is no timer): a signal of an
 // earlier setting that arrives late finds the deadline not reached and is ignored.
-bool MSE_time_limit_expired() {
+bool MSY_time_limit_expired() {
     if (!time_limit_deadline || (time_limit_made && !time_limit_flag)) return false;
-    return MSE_monotonic_ms() >= time_limit_deadline;
+    return MSY_monotonic_ms() >= time_limit_deadline;
 }
