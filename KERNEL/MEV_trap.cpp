@@ -10,7 +10,7 @@
 #include "MFN_env.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
-#include "MSE_session.h"
+#include "MSY_process.h"
 
 namespace {
 
