@@ -1,10 +1,12 @@
 // The lexer: characters to tokens, with positions and lexical errors.
+#include "MLX_lexer.h"
+
 #include <cstring>
 #include <string>
 
+#include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
-#include "MPA_reader.h"
 
 std::vector<MLX_user_operator> MLX_user_operators;
 
@@ -77,19 +79,19 @@ bool is_ident_start(int c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 
 bool is_digit(int c) { return c >= '0' && c <= '9'; }
 bool is_ident_char(int c) { return is_ident_start(c) || is_digit(c); }
 
-void set_value(MPA_token& t, Cell v) {
+void set_value(MLX_token& t, Cell v) {
     MMM_release(t.value);
     t.value = v;
 }
 
-void make(MPA_reader& r, int kind, int priority) {
+void make(MLX_source& r, int kind, int priority) {
     r.tok.kind = kind;
     r.tok.priority = priority;
     set_value(r.tok, nullptr);
 }
 
 // Reads the rest of a continuation line: blanks may stand behind the backslash.
-int continuation(MPA_reader& r) {
+int continuation(MLX_source& r) {
     for (;;) {
         int c = MLX_next_char(r, false);
         while (c != '\n') {
@@ -105,12 +107,12 @@ int continuation(MPA_reader& r) {
     }
 }
 
-void end_of_input_in(MPA_reader& r, const char* what) {
+void end_of_input_in(MLX_source& r, const char* what) {
     if (!r.errors && !r.aborted) r.incomplete = true;
     r.report(2000, what);
 }
 
-bool scan_comment(MPA_reader& r) {
+bool scan_comment(MLX_source& r) {
     // After "/*": nested levels, closed by a run of '*' and '/'.
     int level = 1;
     int c = MLX_next_char(r, false);
@@ -142,7 +144,7 @@ bool scan_comment(MPA_reader& r) {
     return true;
 }
 
-void scan_identifier(MPA_reader& r, int c, bool after_scope) {
+void scan_identifier(MLX_source& r, int c, bool after_scope) {
     std::string text;
     bool quoted = c == '`';
     if (!quoted) {
@@ -204,7 +206,7 @@ void scan_identifier(MPA_reader& r, int c, bool after_scope) {
     set_value(r.tok, MMM_ident_named(text));
 }
 
-void scan_number(MPA_reader& r, int c) {
+void scan_number(MLX_source& r, int c) {
     std::string digits = "0.";
     int kind = TK_INTEGER;
     bool fraction = false;
@@ -270,7 +272,7 @@ void scan_number(MPA_reader& r, int c) {
     set_value(r.tok, MMM_new_string(digits));
 }
 
-void scan_string(MPA_reader& r) {
+void scan_string(MLX_source& r) {
     std::string text;
     for (;;) {
         int c = MLX_next_char(r, false);
@@ -323,7 +325,7 @@ void scan_string(MPA_reader& r) {
 
 // The longest user operator that starts with `c`; characters read for the attempt that
 // are not part of it go back. Gives the index of the operator or -1.
-int match_user_operator(MPA_reader& r, int c) {
+int match_user_operator(MLX_source& r, int c) {
     if (MLX_user_operators.empty()) return -1;
     std::string got(1, char(c));
     int best = -1;
@@ -364,7 +366,7 @@ int match_user_operator(MPA_reader& r, int c) {
 }
 
 // Two- and three-character operators; returns false for a character that starts no token.
-bool scan_operator(MPA_reader& r, int c) {
+bool scan_operator(MLX_source& r, int c) {
     auto two = [&](int second, int kind2, int prio2, int kind1, int prio1) {
         const int d = MLX_next_char(r, true);
         if (d == second) return make(r, kind2, prio2);
@@ -499,7 +501,7 @@ std::string MLX_token_name(int kind) {
     return "?";
 }
 
-int MLX_next_char(MPA_reader& r, bool strict) {
+int MLX_next_char(MLX_source& r, bool strict) {
     int c;
     if (r.ring_head != r.ring_tail) {
         c = r.ring[r.ring_head];
@@ -519,13 +521,13 @@ int MLX_next_char(MPA_reader& r, bool strict) {
 
 // Characters go back in front of those already waiting, so the last one given back is
 // read first; callers give back a run of characters from its end.
-void MLX_unread(MPA_reader& r, int c) {
+void MLX_unread(MLX_source& r, int c) {
     if (c == -1) return;  // the end of input is met again by reading on
     r.ring_head = (r.ring_head + 127) % 128;
     r.ring[r.ring_head] = c;
 }
 
-void MLX_scan_token(MPA_reader& r) {
+void MLX_scan_token(MLX_source& r) {
     const bool after_scope = r.after_scope;
     r.after_scope = false;
     for (;;) {
@@ -594,11 +596,25 @@ void MLX_scan_token(MPA_reader& r) {
     }
 }
 
-int MLX_peek_token(MPA_reader& r) {
-    MPA_token saved = r.tok;
-    r.tok = MPA_token{};
+int MLX_peek_token(MLX_source& r) {
+    MLX_token saved = r.tok;
+    r.tok = MLX_token{};
     MLX_scan_token(r);
     r.ahead = r.tok;
     r.tok = saved;
     return r.ahead.kind;
+}
+
+MLX_source::~MLX_source() {
+    MMM_release(tok.value);
+    MMM_release(ahead.value);
+}
+
+void MLX_source::reset_lexer() {
+    MMM_release(tok.value);
+    MMM_release(ahead.value);
+    tok = MLX_token{};
+    ahead = MLX_token{};
+    ahead.kind = 0;
+    ring_head = ring_tail = 0;
 }

@@ -428,7 +428,7 @@ bool is_infix(int kind) {
 }
 
 // The head of an n-ary operator: its identifier (borrowed).
-Cell nary_head(const MPA_token& t) {
+Cell nary_head(const MLX_token& t) {
     switch (t.kind) {
     case TK_OR: return MMM_ident_by_id(MFN_ID_OR);
     case TK_AND: return MMM_ident_by_id(MFN_ID_AND);

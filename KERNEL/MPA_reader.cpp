@@ -13,32 +13,19 @@
 
 // ---- the reader ----
 
-MPA_reader::MPA_reader(bool allow_cmd, int max_print) : allow_command(allow_cmd), max_printed(max_print) {
-    ahead.kind = 0;  // no lookahead
-}
+MPA_reader::MPA_reader(bool allow_cmd, int max_print) : MLX_source(allow_cmd), max_printed(max_print) {}
 
 MPA_reader::~MPA_reader() {
-    MMM_release(tok.value);
-    MMM_release(ahead.value);
     MMM_release(result_);
     for (auto* v : {&scope_params, &scope_locals, &scope_names})
         for (Cell c : *v) MMM_release(c);
-}
-
-void MPA_reader::reset_lexer() {
-    MMM_release(tok.value);
-    MMM_release(ahead.value);
-    tok = MPA_token{};
-    ahead = MPA_token{};
-    ahead.kind = 0;
-    ring_head = ring_tail = 0;
 }
 
 int MPA_reader::next_token() {
     if (ahead.kind) {
         MMM_release(tok.value);
         tok = ahead;
-        ahead = MPA_token{};
+        ahead = MLX_token{};
         ahead.kind = 0;
         return tok.kind;
     }
@@ -60,7 +47,7 @@ void MPA_reader::syntax_error(int expected) {
     // Insert the wanted token: the current one waits in the lookahead.
     MMM_release(ahead.value);
     ahead = tok;
-    tok = MPA_token{};
+    tok = MLX_token{};
     tok.kind = expected;
     tok.priority = 1000000;
     tok.line = ahead.line;
