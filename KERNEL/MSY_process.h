@@ -17,8 +17,9 @@
 #include <string_view>
 
 struct MSY_hooks_record {
-    // Ends the session and the process after a fatal fault; must not return.
-    [[noreturn]] void (*fatal)(const std::string& text) = nullptr;
+    // Ends the session and the process after a fatal fault; must not return (if it does,
+    // MSY_fatal ends the process itself).
+    void (*fatal)(const std::string& text) = nullptr;
     // Writes a finished report (text and line end included) on the channel of its number:
     // errors and warnings on their channels, 1014 on the system's error stream.
     void (*write_report)(long number, std::string_view text) = nullptr;
