@@ -524,8 +524,14 @@ void collect_run(std::vector<Factor>& fs, size_t i, size_t j, ProductParts& p) {
             up = Ref();
             down = Ref();
         }
+        const size_t mark = p.factors.size();
         if (down) p.emit_power(negated_base, down.get());
         if (up) p.emit_power(free, up.get());
+        if (p.factors.size() == mark + 2) {
+            // b^u and (-b)^d side by side take the order of factors, like any others.
+            Factor a = make_factor(p.factors[mark].get()), b = make_factor(p.factors[mark + 1].get());
+            if (factor_before(b, a)) std::swap(p.factors[mark], p.factors[mark + 1]);
+        }
     }
     // Other exponents: k identical factors b^e become b^(k*e).
     while (k < j) {
@@ -848,7 +854,9 @@ Ref fraction_power(Cell x, Cell y) {
     const bool unit = is_exact_one(num.get());
     Ref top = unit ? Ref() : integer_power(num.get(), y);
     Ref bottom = integer_power(den.get(), minus_y.get());
-    if (!top && !bottom) return Ref();
+    // With a numerator 1 the denominator's power is the result: b^(-y) also when no root
+    // or integer part came out of it.
+    if (!top && !bottom && !unit) return Ref();
     if (!bottom) bottom = build(MFN_ID_POWER, {den.get(), minus_y.get()});
     if (unit) return bottom;
     if (!top) top = build(MFN_ID_POWER, {num.get(), y});

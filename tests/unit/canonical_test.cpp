@@ -321,6 +321,8 @@ TEST(Canonical, PowersOfNumbers) {
     EXPECT_EQ(canon("2^(-1/2)"), "_mult(_power(2, 1/2), 1/2)");
     EXPECT_EQ(canon("(4/9)^(1/2)"), "2/3");
     EXPECT_EQ(canon("(4/3)^(1/2)"), "_mult(_power(3, 1/2), 2/3)");
+    EXPECT_EQ(canon("(1/2)^(-1/2)"), "_power(2, 1/2)") << "a numerator 1 leaves the denominator's power";
+    EXPECT_EQ(canon("(1/3)^(-2/3)"), "_power(3, 2/3)");
     EXPECT_EQ(canon("(-4)^(1/2)"), "2*I");
     EXPECT_EQ(canon("(-2)^(1/2)"), "_mult(_power(2, 1/2), I)");
     EXPECT_EQ(canon("(-8)^(1/3)"), "_power(-8, 1/3)");
