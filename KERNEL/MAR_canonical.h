@@ -20,6 +20,9 @@
 // plain operands until overloading exists.
 #pragma once
 
+#include <initializer_list>
+#include <span>
+
 #include "MFN_table.h"
 #include "MMM_cell.h"
 
@@ -40,6 +43,61 @@ Cell MAR_power_of(Cell x, Cell y);
 // An even integer, or `_mult(n, k)` with k an even integer and n an integer or an
 // identifier of integer property.
 bool MAR_is_even(Cell y);
+
+// ---- checking canonical forms ----
+// The rules above, tested on a value and on every sum, product and power inside it
+// (through expressions and lists), without native recursion. Sums, products and powers
+// that the routines keep as they came (intervals, sets, set expressions, polynomial
+// powers) pass as they are. Rules that depend on property bits are not tested, since
+// bits change after a value is made. The test itself negates and multiplies, and while
+// it runs the routines do not check their own results.
+enum class MAR_fault {
+    none,
+    operand_count,     // a sum or product of fewer than two operands, a power of other than two
+    illegal_operand,   // NULL in a sum or product; NULL, NIL, a boolean or FAIL in a power
+    nested,            // a sum in a sum, a product in a product
+    number_place,      // a number that is not the last operand of a sum or product
+    zero_term,         // the number of a sum is 0 or 0.0
+    zero_factor,       // the coefficient of a product is 0 or 0.0
+    unit_factor,       // the coefficient of a product is the exact 1
+    order,             // operands out of the system order of their sign-free forms
+    uncollected,       // like terms or like factors side by side
+    undistributed,     // a coefficient times one sum, which distributes
+    negative_factor,   // a factor that looks negative: its sign belongs to the coefficient
+    negative_base,     // an integer or even power of a base that looks negative
+    zero_exponent,     // x^0 or x^0.0
+    unit_exponent,     // x^1
+    unit_base,         // 1^y
+    zero_base,         // 0^y for a number y
+    power_of_product,  // a product to an integer power
+    power_of_power,    // a power of a power whose exponents multiply
+    number_power,      // a power of numbers that the routines compute or split
+    exact_root,        // an integer power of a rational exponent with an exact root
+};
+
+// The first fault found, or MAR_fault::none; `where`, when given, receives the offending
+// sum, product or power (borrowed).
+MAR_fault MAR_find_fault(Cell c, Cell* where = nullptr);
+const char* MAR_fault_text(MAR_fault f);
+// The reason `c` is not canonical, or nullptr.
+const char* MAR_canonical_fault(Cell c);
+bool MAR_is_canonical(Cell c);
+
+// The check of a result in the TORVA_CHECK build: the result and what lies under it,
+// except the routine's own operands (cells passed in are the caller's, and the walk does
+// not descend into them). A fault is reported on standard error with the routine, the
+// reason, and the offending node and the result in functional notation, and aborts; unless an operand is not canonical itself
+// (a held expression), since canonical results are owed for canonical operands only.
+// Nested calls while a check runs return at once.
+void MAR_check_result(const char* routine, Cell result, std::span<const Cell> operands);
+inline void MAR_check_result(const char* routine, Cell result, std::initializer_list<Cell> operands) {
+    MAR_check_result(routine, result, std::span<const Cell>(operands.begin(), operands.size()));
+}
+#if TORVA_CHECK
+#define MAR_CHECK_CANONICAL(routine, result, ...) MAR_check_result(routine, result, __VA_ARGS__)
+#else
+#define MAR_CHECK_CANONICAL(routine, result, ...) ((void)0)
+#endif
 
 // ---- properties of identifiers ----
 // Bits an identifier may carry, as the operators read them.
