@@ -701,8 +701,16 @@ Ref invert(Cell x) {
 }
 
 bool expr_looks_negative(Cell x, bool deep) { return looks_negative(x, deep); }
-Cell expr_negate(Cell x, bool evaluate) { return negate(x, evaluate).take(); }
-Cell expr_invert(Cell x) { return invert(x).take(); }
+Cell expr_negate(Cell x, bool evaluate) {
+    Cell r = negate(x, evaluate).take();
+    MAR_CHECK_CANONICAL("_negate", r, {x});
+    return r;
+}
+Cell expr_invert(Cell x) {
+    Cell r = invert(x).take();
+    MAR_CHECK_CANONICAL("_invert", r, {x});
+    return r;
+}
 Cell expr_subtract(Cell a, Cell b) {
     Ref nb = negate(b, true);
     return sum({a, nb.get()}).take();
@@ -1019,6 +1027,11 @@ Cell body_divide(Cell expr, int, unsigned, Cell) {
 
 // ---- entry points ----
 
+// The operands of an expression, for the checks of results.
+[[maybe_unused]] static std::span<const Cell> operands_of(Cell expr) {
+    return {MMM_children(expr) + 1, size_t(MMM_child_count(expr) - 1)};
+}
+
 // Two numbers need no term collection: the number tower adds them directly.
 bool two_numbers(Cell expr) {
     return MMM_child_count(expr) == 3 && MAR_is_number(MMM_child(expr, 1)) && MAR_is_number(MMM_child(expr, 2));
@@ -1028,24 +1041,34 @@ Cell MAR_plus(Cell expr) {
     if (two_numbers(expr)) return MAR_binop(MMM_child(expr, 1), MMM_child(expr, 2), nullptr, MAR_ADD);
     Refs ops;
     flatten_into(expr, MFN_ID_PLUS, ops);
-    return plus(expr, ops, 0).take();
+    Cell r = plus(expr, ops, 0).take();
+    MAR_CHECK_CANONICAL("_plus", r, operands_of(expr));
+    return r;
 }
 
 Cell MAR_mult(Cell expr) {
     if (two_numbers(expr)) return MAR_binop(MMM_child(expr, 1), MMM_child(expr, 2), nullptr, MAR_MULTIPLY);
     Refs ops;
     flatten_into(expr, MFN_ID_MULT, ops);
-    return mult(expr, ops, 0).take();
+    Cell r = mult(expr, ops, 0).take();
+    MAR_CHECK_CANONICAL("_mult", r, operands_of(expr));
+    return r;
 }
 
 Cell MAR_power(Cell expr) {
     check_count(expr, 2, "_power");
-    return power(operand(expr, 1), operand(expr, 2), expr).take();
+    Cell r = power(operand(expr, 1), operand(expr, 2), expr).take();
+    MAR_CHECK_CANONICAL("_power", r, operands_of(expr));
+    return r;
 }
 
 Cell MAR_sum_of(Cell a, Cell b) { return sum({a, b}).take(); }
 Cell MAR_product_of(Cell a, Cell b) { return product({a, b}).take(); }
-Cell MAR_power_of(Cell x, Cell y) { return power(x, y, nullptr).take(); }
+Cell MAR_power_of(Cell x, Cell y) {
+    Cell r = power(x, y, nullptr).take();
+    MAR_CHECK_CANONICAL("_power", r, {x, y});
+    return r;
+}
 
 bool MAR_is_even(Cell y) {
     if (is_integer(y)) return !is_odd(y);
