@@ -56,6 +56,7 @@ enum class MAR_fault {
     operand_count,     // a sum or product of fewer than two operands, a power of other than two
     illegal_operand,   // NULL in a sum or product; NULL, NIL, a boolean or FAIL in a power
     nested,            // a sum in a sum, a product in a product
+    companion,         // `_negate`, `_subtract`, `_divide` or `_invert` as an operand
     number_place,      // a number that is not the last operand of a sum or product
     zero_term,         // the number of a sum is 0 or 0.0
     zero_factor,       // the coefficient of a product is 0 or 0.0

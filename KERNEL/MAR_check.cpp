@@ -8,6 +8,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "MAR_canonical.h"
@@ -96,6 +97,11 @@ bool is_set_expression(Cell c) {
                    MFN_ID_INTERSECT, MFN_ID_AND, MFN_ID_OR, MFN_ID_NOT})
         if (is_op(c, id)) return true;
     return false;
+}
+
+// `_negate`, `_subtract`, `_divide` and `_invert` leave no trace in results.
+bool is_companion(Cell c) {
+    return is_op(c, MFN_ID_NEGATE) || is_op(c, MFN_ID_SUBTRACT) || is_op(c, MFN_ID_DIVIDE) || is_op(c, MFN_ID_INVERT);
 }
 
 // An operand the routines do not combine: the expression around it stays as it came.
@@ -268,6 +274,7 @@ private:
         for (long i = 1; i <= n; ++i) {
             Cell c = operand(e, i);
             if (tag(c) == DOM_NULL) return MAR_fault::illegal_operand;
+            if (is_companion(c)) return MAR_fault::companion;
             if (is_op(c, id)) return MAR_fault::nested;
             if (i < n && is_number(c)) return MAR_fault::number_place;
         }
@@ -343,11 +350,11 @@ private:
             if (t == DOM_NULL || t == DOM_NIL || t == DOM_BOOL || t == DOM_FAIL) return MAR_fault::illegal_operand;
         }
         if (tag(x) == DOM_INTERVAL || tag(y) == DOM_INTERVAL) return MAR_fault::none;
+        if (is_companion(x) || is_companion(y)) return MAR_fault::companion;
         if (is_zero(y)) return MAR_fault::zero_exponent;
         if (is_exact_one(y)) return MAR_fault::unit_exponent;
         if (is_exact_one(x)) return MAR_fault::unit_base;
         if (is_number(x) && is_number(y)) return number_power(x, y);
-        if (is_zero(x) && is_number(y)) return MAR_fault::zero_base;
         if (is_integer(y)) {
             if (is_op(x, MFN_ID_MULT)) return MAR_fault::power_of_product;
             if (is_op(x, MFN_ID_POWER)) return MAR_fault::power_of_power;
@@ -455,6 +462,7 @@ const char* MAR_fault_text(MAR_fault f) {
         case MAR_fault::operand_count: return "wrong number of operands";
         case MAR_fault::illegal_operand: return "illegal operand";
         case MAR_fault::nested: return "nested sum or product";
+        case MAR_fault::companion: return "_negate, _subtract, _divide or _invert left in";
         case MAR_fault::number_place: return "number not in last place";
         case MAR_fault::zero_term: return "zero term beside other terms";
         case MAR_fault::zero_factor: return "zero coefficient beside other factors";
