@@ -543,6 +543,9 @@ void collect_run(std::vector<Factor>& fs, size_t i, size_t j, ProductParts& p) {
             Ref times = number(long(m - k));
             Ref e = product({fs[k].exponent, times.get()});
             p.absorb(power(fs[k].base, e.get(), nullptr));
+            // b^(k*e) has its own place among the other powers of b: once more over
+            // the whole, which sorts.
+            p.split = true;
         }
         k = m;
     }

@@ -273,6 +273,7 @@ TEST(Canonical, ProductsCollectFactors) {
     EXPECT_EQ(canon("x^2/x"), "x");
     EXPECT_EQ(canon("x^y*x^y"), "_power(x, _mult(y, 2))");
     EXPECT_EQ(canon("x^y*x^z"), "_mult(_power(x, y), _power(x, z))");
+    EXPECT_EQ(canon("y^(2*z)*y^(3*z) - y^z*y^z*y^(3*z)"), "0") << "a merged power takes its place";
     EXPECT_EQ(canon("3*x*2"), "_mult(x, 6)") << "the coefficient last";
     EXPECT_EQ(canon("y*x"), canon("x*y"));
     EXPECT_EQ(canon("1*x"), "x");
