@@ -159,7 +159,6 @@ Term make_term(Cell t) {
 struct Factor {
     Cell term;
     Cell base;
-    Cell exponent;
     Owned free;
     bool negated = false;
     bool integer_exponent = true;
@@ -171,12 +170,10 @@ Factor make_factor(Cell t) {
     f.term = t;
     if (is_op(t, MFN_ID_POWER) && operand_count(t) == 2) {
         f.base = operand(t, 1);
-        f.exponent = operand(t, 2);
-        f.number_exponent = is_number(f.exponent);
-        f.integer_exponent = is_integer(f.exponent);
+        f.number_exponent = is_number(operand(t, 2));
+        f.integer_exponent = is_integer(operand(t, 2));
     } else {
         f.base = t;
-        f.exponent = MAR_ONE;
     }
     f.free = sign_free(f.base, &f.negated);
     return f;
