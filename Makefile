@@ -5,7 +5,8 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 
-.PHONY: run test build setup asan bench bench-peers peers fuzz fuzz-build fuzz-smoke clean
+
+.PHONY: run test check-suite build setup asan bench bench-peers peers fuzz fuzz-build fuzz-smoke clean
 
 setup:
 	@tools/setup.sh
@@ -19,8 +20,17 @@ build: setup $(BUILD)/build.ninja
 run: build
 	@$(BUILD)/torva/bin/torvkern
 
-test: build fuzz-smoke
+test: build fuzz-smoke check-suite
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The whole suite once more with the kernel's self-checks on (TORVA_CHECK: canonical
+# results and declared argument counts asserted), optimised, without benchmarks.
+CHECK_BUILD ?= build-check
+check-suite: setup
+	@cmake -S . -B $(CHECK_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTORVA_CHECK=ON -DTORVA_BENCH=OFF >/dev/null
+	@cmake --build $(CHECK_BUILD) -j $(JOBS) >/dev/null
+	@cd $(CHECK_BUILD) && (ctest -j $(JOBS) --output-on-failure >ctest.log 2>&1 || (cat ctest.log; exit 1))
+	@echo "check build: $$(grep 'tests passed' $(CHECK_BUILD)/ctest.log)"
 
 # The same tests under AddressSanitizer and UndefinedBehaviorSanitizer; TORVA_SANITIZE
 # also turns on the kernel's self-checks (TORVA_CHECK).
@@ -63,4 +73,4 @@ bench-peers: build
 	@python3 bench/peers/run.py --runs $${RUNS:-5}
 
 clean:
-	@rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	@rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(CHECK_BUILD)
