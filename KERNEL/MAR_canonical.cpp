@@ -762,12 +762,12 @@ Ref zero_power(Cell x, Cell y, Cell expr) {
     int s;
     if (MMM_category(v.get()) == DOM_COMPLEX) {
         s = with_value(v.get(), [](GEN g) { return int(gsigne(gel(g, 1))); });
-        if (s < 0) MER_raise(1025, "_power");
+        if (s < 0) MER_raise(MER_DIVISION_BY_ZERO, "_power");
         s = 1;
     } else {
         s = real_sign(v.get());
         if (MAR_special(v.get()) == MAR_SIGN_NAN) return keep(x, y, expr);
-        if (s < 0) MER_raise(1025, "_power");
+        if (s < 0) MER_raise(MER_DIVISION_BY_ZERO, "_power");
     }
     const bool fl = holds_float(x);
     if (s == 0) return fl ? float_one() : number(1);
@@ -884,10 +884,10 @@ Ref number_power(Cell x, Cell y, Cell expr) {
     if (is_zero(x) || (px & MAR_PROP_ZERO)) {
         const bool exact = !holds_float(x) && !holds_float(y);
         if (is_ident(y)) {
-            if (py & MAR_PROP_NEGATIVE) MER_raise(1025, "_power");
+            if (py & MAR_PROP_NEGATIVE) MER_raise(MER_DIVISION_BY_ZERO, "_power");
             if (!(py & MAR_PROP_POSITIVE)) return keep(x, y, expr);
         } else if (MMM_category(y) == DOM_COMPLEX || real_sign(y) < 0) {
-            MER_raise(1025, "_power");
+            MER_raise(MER_DIVISION_BY_ZERO, "_power");
         }
         return exact ? number(0) : float_zero();
     }
@@ -958,13 +958,13 @@ Ref symbol_power(Cell x, Cell y, Cell expr) {
 
 Ref power(Cell x, Cell y, Cell expr) {
     if (is_poly(x)) {
-        if (tag(y) != DOM_INT) MER_raise(1013, "_power");
+        if (tag(y) != DOM_INT) MER_raise(MER_INTEGER_EXPECTED, "_power");
         return keep(x, y, expr);
     }
     if (is_set_expression(x) || tag(x) == DOM_SET || tag(y) == DOM_SET) return keep(x, y, expr);
     for (Cell c : {x, y}) {
         const int t = tag(c);
-        if (t == DOM_NULL || t == DOM_NIL || t == DOM_BOOL || t == DOM_FAIL) MER_raise(1001, "_power");
+        if (t == DOM_NULL || t == DOM_NIL || t == DOM_BOOL || t == DOM_FAIL) MER_raise(MER_ILLEGAL_OPERAND, "_power");
     }
     if (tag(x) == DOM_INTERVAL || tag(y) == DOM_INTERVAL) return keep(x, y, expr);
     if (is_integer(y) || (is_ident(y) && has_prop(y, MAR_PROP_INTEGER))) {
@@ -996,12 +996,12 @@ Ref power(Cell x, Cell y, Cell expr) {
 // ---- bodies ----
 
 void check_count(Cell expr, long n, const char* name) {
-    if (operand_count(expr) != n) MER_raise(1004, name);
+    if (operand_count(expr) != n) MER_raise(MER_WRONG_ARG_COUNT, name);
 }
 
 // An exact zero divisor of an exact or symbolic dividend.
 void check_divisor(Cell dividend, Cell divisor, const char* name) {
-    if (is_small(divisor, 0) && !holds_float(dividend)) MER_raise(1025, name);
+    if (is_small(divisor, 0) && !holds_float(dividend)) MER_raise(MER_DIVISION_BY_ZERO, name);
 }
 
 Cell body_plus(Cell expr, int, unsigned, Cell) { return MAR_plus(expr); }

@@ -46,7 +46,7 @@ Cell numeric_round(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 
 Cell numeric_trunc(Cell e, int, unsigned, Cell) { return with_pari(MMM_child(e, 1), gtrunc); }
 
 void need_integer(Cell e) {
-    if (!is_integer(MMM_child(e, 1))) MER_raise(1013, name_of(e).c_str());
+    if (!is_integer(MMM_child(e, 1))) MER_raise(MER_INTEGER_EXPECTED, name_of(e).c_str());
 }
 
 Cell numeric_isprime(Cell e, int, unsigned, Cell) {
@@ -66,10 +66,10 @@ Cell numeric_nextprime(Cell e, int, unsigned, Cell) {
 Cell numeric_fact(Cell e, int, unsigned, Cell) {
     Cell x = MMM_child(e, 1);
     if (MMM_category(x) == CAT_BIG_INT) {
-        if (MAR_compare(x, MAR_ZERO) < 0) MER_raise(1108, "specfunc::fact");
-        MER_raise(1029, "specfunc::fact");
+        if (MAR_compare(x, MAR_ZERO) < 0) MER_raise(MER_NONNEGATIVE_INTEGER_EXPECTED, "specfunc::fact");
+        MER_raise(MER_INTEGER_TOO_LARGE, "specfunc::fact");
     }
-    if (MMM_category(x) != DOM_INT || MAR_small_int(x) < 0) MER_raise(1108, "specfunc::fact");
+    if (MMM_category(x) != DOM_INT || MAR_small_int(x) < 0) MER_raise(MER_NONNEGATIVE_INTEGER_EXPECTED, "specfunc::fact");
     return MAR_from_pari(mpfact(MAR_small_int(x)), true);
 }
 

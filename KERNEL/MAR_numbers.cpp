@@ -243,7 +243,7 @@ Cell shared(Cell c, bool reset) {
 }
 
 Cell check_number(Cell c) {
-    if (!MAR_is_number(c)) MER_raise(1005, nullptr);
+    if (!MAR_is_number(c)) MER_raise(MER_ILLEGAL_ARGUMENT, nullptr);
     return c;
 }
 
@@ -273,8 +273,8 @@ int infinity(int sign) { return sign > 0 ? MAR_SIGN_INF : MAR_SIGN_NINF; }
 // operations, a special float is refused.
 Cell special_binop(Cell a, Cell b, int op) {
     if (op != MAR_ADD && op != MAR_SUBTRACT && op != MAR_MULTIPLY && op != MAR_DIVIDE)
-        MER_raise(1005, "non-rd-function");
-    if (MMM_category(a) == DOM_COMPLEX || MMM_category(b) == DOM_COMPLEX) MER_raise(1005, "non-rd-function");
+        MER_raise(MER_ILLEGAL_ARGUMENT, "non-rd-function");
+    if (MMM_category(a) == DOM_COMPLEX || MMM_category(b) == DOM_COMPLEX) MER_raise(MER_ILLEGAL_ARGUMENT, "non-rd-function");
     const int x = sign_field(a);
     int y = sign_field(b);
     switch (op) {
@@ -320,7 +320,7 @@ GEN power(GEN x, GEN y) {
     if (gequalm1(y)) {
         // A float exponent -1.0 makes the result a float, an integer -1 does not.
         if (typ(y) == t_REAL) return gdiv(gabs(y, prec), x);
-        if (is_exact(x) && gequal0(x)) MER_raise(1025, nullptr);
+        if (is_exact(x) && gequal0(x)) MER_raise(MER_DIVISION_BY_ZERO, nullptr);
         return ginv(x);
     }
     if (typ(x) != t_COMPLEX && integral_real(y)) {
@@ -330,7 +330,7 @@ GEN power(GEN x, GEN y) {
         return typ(r) == t_REAL ? r : gtofp(r, prec);
     }
     if (is_exact(x) && gequal0(x) && typ(y) != t_COMPLEX && is_exact(y) && gsigne(y) < 0)
-        MER_raise(1025, nullptr);
+        MER_raise(MER_DIVISION_BY_ZERO, nullptr);
     return gpow(x, y, prec);
 }
 
@@ -341,7 +341,7 @@ GEN arithmetic(GEN x, GEN y, int op) {
     case MAR_MULTIPLY: return gmul(x, y);
     case MAR_DIVIDE:
         if (gequal0(y)) {
-            if (is_exact(x) && is_exact(y)) MER_raise(1025, nullptr);
+            if (is_exact(x) && is_exact(y)) MER_raise(MER_DIVISION_BY_ZERO, nullptr);
             MAR_pari_error(31);
         }
         return gdiv(x, y);
@@ -448,7 +448,7 @@ void MAR_init_numbers() {
 // ---- DIGITS ----
 
 void MAR_set_digits(long n) {
-    if (n < 0 || n > INT32_MAX) MER_raise(1012, nullptr);
+    if (n < 0 || n > INT32_MAX) MER_raise(MER_ARG_OUT_OF_RANGE, nullptr);
     MAR_digits = int32_t(n);
     // log2(10)/32 to nine digits turns decimal digits into 32-bit words; two more words
     // are the header. PARI's words hold two of ours: an odd count of mantissa words
@@ -478,7 +478,7 @@ int MAR_special(Cell c) {
 }
 
 int32_t MAR_small_int(Cell c) {
-    if (!MAR_is_number(c) || MMM_category(c) != DOM_INT) MER_raise(1013, nullptr);
+    if (!MAR_is_number(c) || MMM_category(c) != DOM_INT) MER_raise(MER_INTEGER_EXPECTED, nullptr);
     GEN x = words_of(block_of(c)) + ROOT;
     if (!signe(x)) return 0;
     const long m = long(ulong(x[2]));
@@ -499,7 +499,7 @@ Cell MAR_from_long(long n) {
 }
 
 Cell MAR_make_number(GEN value, bool reset) {
-    if (!storable(value, false)) MER_raise(1103, "number type");
+    if (!storable(value, false)) MER_raise(MER_INTERNAL, "number type");
     check_range(value);
     const long n = stored_length(value);
     Cell block = MMM_new(MMM_NUMBER, long(sizeof(long)) * (ROOT + n), 0);
@@ -535,13 +535,13 @@ Cell MAR_from_pari(GEN x, bool reset) {
 GEN MAR_get_raw(Cell c) { return load(words_of(block_of(check_number(c))), ROOT); }
 
 GEN MAR_get(Cell c) {
-    if (MAR_special(c)) MER_raise(1005, "non-rd-function");
+    if (MAR_special(c)) MER_raise(MER_ILLEGAL_ARGUMENT, "non-rd-function");
     return MAR_get_raw(c);
 }
 
 GEN MAR_get_ordered(Cell c) {
     switch (MAR_special(c)) {
-    case MAR_SIGN_NAN: MER_raise(1005, "comparison operator");
+    case MAR_SIGN_NAN: MER_raise(MER_ILLEGAL_ARGUMENT, "comparison operator");
     case MAR_SIGN_INF: return mkoo();
     case MAR_SIGN_NINF: return mkmoo();
     default: return MAR_get_raw(c);
@@ -591,10 +591,10 @@ GEN MAR_float_parts(GEN x) {
 void MAR_assign(GEN value, GEN target) {
     if (is_universal_constant(target) && target != value) {
         switch (typ(target)) {
-        case t_INT: MER_raise(1103, "trying to overwrite a universal integer, please report!");
-        case t_REAL: MER_raise(1103, "trying to overwrite a universal real, please report!");
-        case t_FRAC: MER_raise(1103, "trying to overwrite a universal fraction, please report!");
-        default: MER_raise(1103, "trying to overwrite the universal i, please report!");
+        case t_INT: MER_raise(MER_INTERNAL, "trying to overwrite a universal integer, please report!");
+        case t_REAL: MER_raise(MER_INTERNAL, "trying to overwrite a universal real, please report!");
+        case t_FRAC: MER_raise(MER_INTERNAL, "trying to overwrite a universal fraction, please report!");
+        default: MER_raise(MER_INTERNAL, "trying to overwrite the universal i, please report!");
         }
     }
     gaffect(value, target);
@@ -625,7 +625,7 @@ Cell MAR_read_number(std::string_view s) {
         }
     };
     read_digits(false);
-    if (!digits) MER_raise(1005, nullptr);
+    if (!digits) MER_raise(MER_ILLEGAL_ARGUMENT, nullptr);
     if (i == len) return MAR_from_pari(n, true);
     if (s[i] == '.') {
         ++i;
@@ -638,11 +638,11 @@ Cell MAR_read_number(std::string_view s) {
         if (i < len && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
         int k = 0;
         for (; i < len && k < 9 && is_digit(s[i]); ++i, ++k) exponent = exponent * 10 + (s[i] - '0');
-        if (!k) MER_raise(1005, nullptr);
+        if (!k) MER_raise(MER_ILLEGAL_ARGUMENT, nullptr);
         if (i < len && is_digit(s[i])) MAR_pari_error(98);
         if (negative) exponent = -exponent;
     }
-    if (i != len) MER_raise(1005, nullptr);
+    if (i != len) MER_raise(MER_ILLEGAL_ARGUMENT, nullptr);
     // A float as long as the working precision or the digits written, whichever is longer.
     const long length = lgefint(n) > MAR_pari_precision ? lgefint(n) : MAR_pari_precision;
     GEN x = cgetr(length);
@@ -672,8 +672,8 @@ std::string MAR_debug_text(Cell c) {
 
 Cell MAR_binop(Cell a, Cell b, Cell* slot, int op) {
     MAR_count_poll();
-    if (!known_operation(op)) MER_raise(1101, nullptr);
-    if (!MAR_is_number(a) || !MAR_is_number(b)) MER_raise(1001, nullptr);
+    if (!known_operation(op)) MER_raise(MER_UNKNOWN_OPERATOR, nullptr);
+    if (!MAR_is_number(a) || !MAR_is_number(b)) MER_raise(MER_ILLEGAL_OPERAND, nullptr);
     Cell result;
     if (MAR_special(a) || MAR_special(b)) {
         result = special_binop(a, b, op);
@@ -744,7 +744,7 @@ bool MAR_looks_negative(Cell x, bool deep) {
 Cell MAR_negate(Cell x, bool evaluate) {
     if (!MAR_is_number(x)) {
         if (MAR_expression.negate) return MAR_expression.negate(x, evaluate);
-        MER_raise(1035, "_negate");
+        MER_raise(MER_NOT_IMPLEMENTED, "_negate");
     }
     switch (MAR_special(x)) {
     case MAR_SIGN_INF: return special_cell(MAR_SIGN_NINF);
@@ -759,12 +759,12 @@ Cell MAR_negate(Cell x, bool evaluate) {
 Cell MAR_invert(Cell x) {
     if (!MAR_is_number(x)) {
         if (MAR_expression.invert) return MAR_expression.invert(x);
-        MER_raise(1035, "_invert");
+        MER_raise(MER_NOT_IMPLEMENTED, "_invert");
     }
     if (MAR_special(x)) return special_binop(MAR_ONE, x, MAR_DIVIDE);
     GEN v = MAR_at_precision(MAR_get_raw(x));
     if (gequal0(v)) {
-        if (is_exact(v)) MER_raise(1025, nullptr);
+        if (is_exact(v)) MER_raise(MER_DIVISION_BY_ZERO, nullptr);
         MAR_pari_error(31);
     }
     return MAR_from_pari(ginv(v), true);
@@ -773,11 +773,11 @@ Cell MAR_invert(Cell x) {
 Cell MAR_divide(Cell a, Cell b) {
     if (MAR_is_number(a) && MAR_is_number(b)) return MAR_binop(a, b, nullptr, MAR_DIVIDE);
     if (MAR_expression.divide) return MAR_expression.divide(a, b);
-    MER_raise(1035, "_divide");
+    MER_raise(MER_NOT_IMPLEMENTED, "_divide");
 }
 
 Cell MAR_subtract(Cell a, Cell b) {
     if (MAR_is_number(a) && MAR_is_number(b)) return MAR_binop(a, b, nullptr, MAR_SUBTRACT);
     if (MAR_expression.subtract) return MAR_expression.subtract(a, b);
-    MER_raise(1035, "_subtract");
+    MER_raise(MER_NOT_IMPLEMENTED, "_subtract");
 }

@@ -22,6 +22,14 @@ namespace {
 bool started = false;
 MAR_poll_fn poll_routine = nullptr;
 
+// Numbers the kernel acts on itself: the stack has doubled (the report gives the new
+// size), the stack could not grow, PARI ran out of memory (fatal), and the failure the
+// kernel does not expect.
+constexpr long STACK_DOUBLED = 44;
+constexpr long STACK_NOT_GROWN = 363;
+constexpr long FATAL_OUT_OF_MEMORY = 360;
+constexpr long UNEXPECTED = 999;
+
 // The kernel's numbers for PARI's error classes. PARI 2.15 numbers its errors by class
 // (enum err_list), the kernel by the finer numbers its error texts are filed under.
 // A row with an operation applies when PARI names that operation (a prefix of it) as
@@ -34,9 +42,9 @@ struct Translation {
     long number;
 };
 const Translation translations[] = {
-    {e_STACK, nullptr, 44},                   // stack overflow: doubling, see below
-    {e_STACKTHREAD, nullptr, 44},
-    {e_MEM, nullptr, 360},                    // "Fatal PARI error: Out of memory"
+    {e_STACK, nullptr, STACK_DOUBLED},        // stack overflow: doubling, see below
+    {e_STACKTHREAD, nullptr, STACK_DOUBLED},
+    {e_MEM, nullptr, FATAL_OUT_OF_MEMORY},    // "Fatal PARI error: Out of memory"
     {e_OVERFLOW, "t_REAL->double", 45},       // "Can't convert to double (out of range)"
     {e_OVERFLOW, nullptr, 8},                 // "Overflow/underflow in arithmetical operation"
     {e_PREC, nullptr, 11},                    // "Loss of precision"
@@ -54,7 +62,6 @@ const Translation translations[] = {
     {e_TYPE, "gdivent", 315},
     {e_MAXPRIME, nullptr, 118},               // "Not enough precalculated primes"
 };
-constexpr long UNEXPECTED = 999;
 
 bool operation_matches(const char* row, const char* operation) {
     if (!row) return true;
@@ -66,16 +73,16 @@ bool operation_matches(const char* row, const char* operation) {
 // outside the stack, so there is nothing to recreate on it.
 [[noreturn]] void double_the_stack() {
     const size_t old_size = pari_mainstack->rsize;
-    if (old_size > size_t(LONG_MAX) / 2) MER_raise(363, nullptr);
+    if (old_size > size_t(LONG_MAX) / 2) MER_raise(STACK_NOT_GROWN, nullptr);
     const size_t new_size = old_size * 2;
     // PARI would quietly settle for a smaller stack if the space is not there; ask first.
     void* probe = mmap(nullptr, new_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (probe == MAP_FAILED) MER_raise(363, nullptr);
+    if (probe == MAP_FAILED) MER_raise(STACK_NOT_GROWN, nullptr);
     munmap(probe, new_size);
     paristack_setsize(new_size, 0);
     MAR_stack_mark = avma;
-    if (pari_mainstack->rsize < new_size) MER_raise(363, nullptr);
-    MER_raise(44, nullptr, long(new_size / 1024));
+    if (pari_mainstack->rsize < new_size) MER_raise(STACK_NOT_GROWN, nullptr);
+    MER_raise(STACK_DOUBLED, nullptr, long(new_size / 1024));
 }
 
 int raise_pari_error(GEN err) {
@@ -84,7 +91,7 @@ int raise_pari_error(GEN err) {
     const char* operation = nullptr;
     if (lg(err) > 2 && typ(err_get_compo(err, 1)) == t_STR) operation = GSTR(err_get_compo(err, 1));
     const long number = MAR_error_number(pari_class, operation);
-    if (number == 360) MSY_fatal("Fatal PARI error: Out of memory");
+    if (number == FATAL_OUT_OF_MEMORY) MSY_fatal("Fatal PARI error: Out of memory");
     if (number != UNEXPECTED) MER_raise(number, nullptr);
     // An unexpected failure carries PARI's own words, for the report.
     std::string words;

@@ -272,7 +272,7 @@ void MCM_set_compare_routine(unsigned kind, MCM_compare_fn fn) {
 }
 
 Cell MCM_sysorder(Cell expr, int, unsigned, Cell) {
-    if (MMM_child_count(expr) != 3) MER_raise(1004, "sysorder");
+    if (MMM_child_count(expr) != 3) MER_raise(MER_WRONG_ARG_COUNT, "sysorder");
     Cell r = MCM_compare(MMM_child(expr, 1), MMM_child(expr, 2)) <= 0 ? MMM_TRUE : MMM_FALSE;
     MMM_retain(r);
     return r;

@@ -13,117 +13,8 @@ bool MER_trapped = false;
 namespace {
 
 // The reporting address of internal failures is the project's issue tracker.
-constexpr const char* INTERNAL_FAILURE =
-    "Internal failure, please report it on the Torva issue tracker";
 constexpr const char* PARI_FAILURE =
     "Unexpected failure in the number library (%ld), please report it on the Torva issue tracker";
-
-struct Entry {
-    long number;
-    const char* text;
-};
-
-// The lookup is a linear walk, ended by the entry with number 0.
-const Entry table[] = {
-    {1028, ""},
-    {1070, "Cannot delete the current or a parent frame"},
-    {1001, "Illegal operand"},
-    {1100, "Unknown external object"},
-    {1002, "Expression expected"},
-    {1102, "Computation aborted"},
-    {1003, "Can't evaluate to boolean"},
-    {1201, "%s"},
-    {1004, "Wrong number of arguments"},
-    {1039, "Illegal color specification"},
-    {1005, "Illegal argument"},
-    {1027, "Can't 'reset' in procedures"},
-    {1006, "Real number expected"},
-    {1300, "Out of memory"},
-    {1007, "Can't write to file \"%s\""},
-    {1060, "Unknown MCODE object \"%d\" in object \"%s\" "},
-    {1021, "Can't read from file \"%s\""},
-    {1061, "Unknown reference reading MCODE"},
-    {1008, "Unknown error"},
-    {1062, "Reading wrong MCODE object, expecting a \"%s\" object"},
-    {1009, "Invalid sign"},
-    {1040, "Exponent overflow"},
-    {1010, "Recursive definition"},
-    {1041, "Wrong type of DOM_EXEC object"},
-    {1011, "Invalid left-hand side"},
-    {1042, "Positive value expected"},
-    {1012, "Argument out of range"},
-    {1103, INTERNAL_FAILURE},
-    {1016, "Incompatible arguments in range"},
-    {1106, "Internal failure, can't resume! Kernel stopped"},
-    {1022, "Index out of range"},
-    {1104, "Illegal context"},
-    {1119, "Index dimension mismatch"},
-    {1105, "Illegal coefficient ring, \"%s\" missing"},
-    {1023, "Illegal index type"},
-    {1080, "Illegal coefficient ring"},
-    {1013, "Integer expected"},
-    {1043, "Unexpected boolean UNKNOWN"},
-    {1026, "Positive integer expected"},
-    {1044, "Watchdog reset"},
-    {1014, "Internal system failure"},
-    {1045, "Evaluation of argument failed"},
-    {1015, "Specified operand doesn't exist"},
-    {1046, "Identifier '%s' is protected"},
-    {1017, "Invalid index"},
-    {1048, "No atomar type"},
-    {1018, "Substitution not allowed"},
-    {1049, "Invalid variable"},
-    {1020, "String too long"},
-    {1107, "Secure kernel, permission denied"},
-    {1019, "Invalid function"},
-    {1108, "Non-negative integer expected"},
-    {1101, "Unknown operator"},
-    {1109, "Domain key already exists"},
-    {1024, "Array dimension not a positive integer"},
-    {1110, "Empty or duplicate domain key"},
-    {1025, "Division by zero"},
-    {1113, "Illegal parser configuration"},
-    {1029, "Integer too large in context"},
-    {1114, "Illegal variable context"},
-    {1030, "Unknown option"},
-    {1115, "Function not available for this client"},
-    {1031, "No indeterminates"},
-    {1116, "No such client"},
-    {1032, "Illegal indeterminate"},
-    {1117, "Unknown slot"},
-    {1033, "Polynomial expected"},
-    {1118, "Unknown slot \"%s\""},
-    {1034, "Unknown type"},
-    {1047, "Identifier has a value"},
-    {1037, "Function call not allowed on interactive level"},
-    {1202, "%s"},
-    {1038, "Returned value has illegal type"},
-    {2000, "Unexpected end of input in %s"},
-    {1035, "Not yet implemented"},
-    {2001, "End of input expected"},
-    {1036, "Domain attribute \"%s\" missing"},
-    {2002, "Illegal character '%c'"},
-    {2003, "Unexpected '%s'"},
-    {2008, "Multiple inherited domains, ignored"},
-    {2004, "'%s' expected"},
-    {2009, "Unexpected character after \\"},
-    {2006, "Unknown procedure option '%s'"},
-    {1302, "Infinite recursion in output detected"},
-    {2005, "Invalid left-hand side in assignment"},
-    {1050, "Illegal polynomial variable ordering"},
-    {2007, "Multiple procedure names, ignored"},
-    {1320, "Execution time exceeded"},
-    {-1000, "Uninitialized variable '%s' used"},
-    {-1001, "Quit the kernel via the user interface"},
-    {-1002, "Debugging is not supported"},
-    {-2001, "Unexpected escape character '\\%c' in string"},
-    {-2002, "Former environment variable '%s' used as local"},
-    {-1003, "Procedure '%s' is referring outer lexical closure"},
-    {-1004, "Found dead closure of procedure '%s'"},
-    {-1201, "Dumb terminal: Plot data saved in binary file save.mp"},
-    {-1005, ""},
-    {0, nullptr},
-};
 
 // Numbers below 1000 come from the number library and map through this switch.
 const char* pari_text(long n) {
@@ -165,12 +56,6 @@ std::string vformat(const char* fmt, va_list args) {
 
 }  // namespace
 
-const char* MER_table_text(long number) {
-    for (const Entry* e = table; e->text; ++e)
-        if (e->number == number) return e->text;
-    return nullptr;
-}
-
 void MER_set_context_routine(MER_context_fn fn) { context_routine = fn; }
 
 void MER_set_file_routine(MER_context_fn fn) { file_routine = fn; }
@@ -185,13 +70,13 @@ std::string MER_format(long number, va_list args) {
         std::snprintf(buf, sizeof buf, PARI_FAILURE, number);
         return buf;
     }
-    return MER_table_text(1008);
+    return MER_table_text(MER_UNKNOWN_ERROR);
 }
 
 void MER_write(long number, std::string_view text) { MSY_write_report(number, text); }
 
 void MER_report(long number, const char* text, va_list args) {
-    if (number == 1400) {
+    if (number == MER_REPEAT_LAST) {
         MER_pending = MER_last;
         if (!MER_trapped && MER_last) MER_write(MER_last, MER_last_text + "\n");
         return;
@@ -203,7 +88,7 @@ void MER_report(long number, const char* text, va_list args) {
     }
     std::string msg = warning ? "Warning: " : "Error: ";
     msg += MER_format(number, args);
-    const bool alone = number == 1028 || number == -1005;
+    const bool alone = number == MER_USER_ERROR || number == MER_WARN_USER;
     if (text && *text) {
         if (alone) msg += text;
         else (msg += " [") += std::string(text) + "]";
@@ -228,14 +113,14 @@ void MER_report(long number, const char* text, va_list args) {
 
 [[noreturn]] void MER_raise(long number, const char* text, ...) {
     MER_pending = number;
-    if (number != 1300) {
+    if (number != MER_OUT_OF_MEMORY) {
         va_list args;
         va_start(args, text);
         MER_report(number, text, args);
         va_end(args);
     }
-    // 1400 leaves with the number of the error it repeated.
-    throw MER_exception{number == 1400 ? MER_pending : number};
+    // MER_REPEAT_LAST leaves with the number of the error it repeated.
+    throw MER_exception{number == MER_REPEAT_LAST ? MER_pending : number};
 }
 
 void MER_warn(long number, const char* text, ...) {

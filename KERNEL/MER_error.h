@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "MER_codes.h"
 
 struct MER_exception {
     long code;
@@ -26,18 +27,18 @@ extern std::string MER_last_text;
 // True while a traperror runs: errors are not printed (warnings are).
 extern bool MER_trapped;
 
-// Reports (except 1300, whose report waits for the sweep in MER_reset) and throws. 1400
-// reports the last error again and throws with its number.
+// Reports (except MER_OUT_OF_MEMORY, whose report waits for the sweep in MER_reset) and
+// throws. MER_REPEAT_LAST reports the last error again and throws with its number.
 [[noreturn]] void MER_raise(long number, const char* text, ...);
 void MER_warn(long number, const char* text, ...);
 // The message writer: "Error: " or "Warning: ", the table's format with `args`, the
-// detail (alone for 1028 and -1005, else " [detail]"), the running procedure and the file
-// being read; kept as the last report for a positive number, printed unless trapped (a
-// warning always).
+// detail (alone for MER_USER_ERROR and MER_WARN_USER, else " [detail]"), the running
+// procedure and the file being read; kept as the last report for a positive number,
+// printed unless trapped (a warning always).
 void MER_report(long number, const char* text, va_list args);
 // Writes a finished text as it stands on the channel of the number (through the
-// process's report writer): errors on _err, warnings on _wrn, 1014 on the system's error
-// stream.
+// process's report writer): errors on _err, warnings on _wrn, MER_SYSTEM_FAILURE on the
+// system's error stream.
 void MER_write(long number, std::string_view text);
 
 // ---- settings put back after a trap or a report ----

@@ -22,7 +22,7 @@ Cell builtin_funcenv(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 3);
     if (MMM_category(MEV_arg(e, 1)) == DOM_FUNC_ENV) return MMM_retained(MEV_arg(e, 1));
     Cell table = MEV_nargs(e) == 3 ? MEV_arg(e, 3) : MMM_NIL;
-    if (table != MMM_NIL && MMM_category(table) != DOM_TABLE) MER_raise(1001, name_of(e));
+    if (table != MMM_NIL && MMM_category(table) != DOM_TABLE) MER_raise(MER_ILLEGAL_OPERAND, name_of(e));
     Cell env = MMM_new_node(DOM_FUNC_ENV, 3);
     MMM_children(env)[0] = MMM_retained(MEV_arg(e, 1));
     MMM_children(env)[1] = MMM_retained(MEV_nargs(e) >= 2 ? MEV_arg(e, 2) : MMM_NIL);
@@ -34,19 +34,19 @@ Cell builtin_funcenv(Cell e, int, unsigned, Cell) {
 // The code cell of an integer operand.
 Cell code_operand(Cell e, long i) {
     Cell c = MEV_arg(e, i);
-    if (MMM_category(c) != DOM_INT && MMM_category(c) != CAT_BIG_INT) MER_raise(1013, name_of(e));
+    if (MMM_category(c) != DOM_INT && MMM_category(c) != CAT_BIG_INT) MER_raise(MER_INTEGER_EXPECTED, name_of(e));
     Cell code = MMM_category(c) == DOM_INT ? MTR_find_code_for_number(MAR_small_int(c)) : nullptr;
-    if (!code) MER_raise(1005, name_of(e));
+    if (!code) MER_raise(MER_ILLEGAL_ARGUMENT, name_of(e));
     return code;
 }
 
 // builtin(code, numeric code or priority, name or print text, NIL/table or name, ...)
 Cell builtin_builtin(Cell e, int, unsigned, Cell) {
     const long n = MEV_nargs(e);
-    if (n < 4) MER_raise(1004, name_of(e));
+    if (n < 4) MER_raise(MER_WRONG_ARG_COUNT, name_of(e));
     Cell code = code_operand(e, 1);
     const int fourth = MMM_category(MEV_arg(e, 4));
-    if (fourth != DOM_STRING && fourth != DOM_NIL && fourth != DOM_TABLE) MER_raise(1005, name_of(e));
+    if (fourth != DOM_STRING && fourth != DOM_NIL && fourth != DOM_TABLE) MER_raise(MER_ILLEGAL_ARGUMENT, name_of(e));
     Cell exec = MMM_new_node(DOM_EXEC, n);
     MMM_children(exec)[0] = MMM_retained(code);
     Cell second = MEV_arg(e, 2);
@@ -128,8 +128,8 @@ Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
 // _domainfunccall(D, args...): the call of D's slot `new`.
 Cell builtin_domainfunccall(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 1L << 30);
-    if (MMM_category(MEV_arg(e, 1)) != DOM_DOMAIN) MER_raise(1005, name_of(e));
-    MER_raise(1036, nullptr, "new");  // domains and their slots come with the domain module
+    if (MMM_category(MEV_arg(e, 1)) != DOM_DOMAIN) MER_raise(MER_ILLEGAL_ARGUMENT, name_of(e));
+    MER_raise(MER_DOMAIN_ATTRIBUTE_MISSING, nullptr, "new");  // domains and their slots come with the domain module
 }
 
 std::span<const Cell> operands(Cell e) { return {MMM_children(e) + 1, size_t(MEV_nargs(e))}; }

@@ -58,7 +58,7 @@ Cell builtin_table(Cell e, int, unsigned, Cell) {
                 }
                 MMM_release(key);
             } else {
-                MER_raise(1005, "table");
+                MER_raise(MER_ILLEGAL_ARGUMENT, "table");
             }
         }
     } catch (...) {
@@ -112,7 +112,7 @@ Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
     }
     MMM_release(x);
     if (done) return held;
-    if (MEV_nargs(e) > 1) MER_raise(1004, "_frame");
+    if (MEV_nargs(e) > 1) MER_raise(MER_WRONG_ARG_COUNT, "_frame");
     if (MEV_nargs(e) == 0) return MMM_retained(MMM_current_frame);
     Cell a = MEV_arg(e, 1);
     switch (MMM_category(a)) {
@@ -125,12 +125,12 @@ Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
         Cell v = MEV_eval(a, MEV_CONTEXT_ARGUMENT, 0);
         if (!MMM_is_node(v, DOM_FRAME)) {
             MMM_release(v);
-            MER_raise(1005, "_frame");
+            MER_raise(MER_ILLEGAL_ARGUMENT, "_frame");
         }
         MEV_enter_frame(v);
         return v;
     }
-    default: MER_raise(1005, "_frame");
+    default: MER_raise(MER_ILLEGAL_ARGUMENT, "_frame");
     }
 }
 
@@ -150,14 +150,14 @@ Cell builtin_root_frame(Cell e, int, unsigned, Cell) {
 Cell MEV_array_read(Cell e) {
     Cell a = MEV_arg(e, 1);
     const long d = MMM_array_dimensions(a);
-    if (MEV_nargs(e) - 1 != d) MER_raise(1119, "array");
+    if (MEV_nargs(e) - 1 != d) MER_raise(MER_INDEX_DIMENSION, "array");
     std::vector<long> indices;
     for (long i = 2; i <= MEV_nargs(e); ++i) {
         if (MMM_category(MEV_arg(e, i)) != DOM_INT) return MMM_retained(e);
         indices.push_back(MAR_small_int(MEV_arg(e, i)));
     }
     const long offset = MMM_array_offset(a, indices);
-    if (offset < 0) MER_raise(1005, "array");
+    if (offset < 0) MER_raise(MER_ILLEGAL_ARGUMENT, "array");
     Cell entry = MMM_array_entry(a, offset);
     return MMM_retained(entry ? entry : e);
 }
@@ -173,9 +173,9 @@ void MEV_array_write(Cell* array, Cell index_expr, Cell value) {
     }
     const long count = MEV_nargs(args) - 1;
     MMM_release(args);
-    if (count != MMM_array_dimensions(*array)) MER_raise(1119, "array");
+    if (count != MMM_array_dimensions(*array)) MER_raise(MER_INDEX_DIMENSION, "array");
     const long offset = integers ? MMM_array_offset(*array, indices) : -1;
-    if (offset < 0) MER_raise(1005, "array");
+    if (offset < 0) MER_raise(MER_ILLEGAL_ARGUMENT, "array");
     MMM_array_set(array, offset, value == MMM_NULL ? nullptr : value);
 }
 

@@ -44,7 +44,7 @@ bool is_sequence(Cell c) {
 // The number of the routine's code cell. Called as a built-in (through `builtin`) a
 // routine gets no code cell and refuses.
 int code_number(Cell code) {
-    if (!code || MMM_kind_of(code) != MMM_CODE) MER_raise(1019, nullptr);
+    if (!code || MMM_kind_of(code) != MMM_CODE) MER_raise(MER_INVALID_FUNCTION, nullptr);
     return MMM_code_of(code).code;
 }
 
@@ -76,7 +76,7 @@ const IntVar& int_var(Cell code) {
     const int n = code_number(code);
     for (const IntVar& v : int_vars)
         if (v.set_code == n || v.get_code == n) return v;
-    MER_raise(1019, nullptr);
+    MER_raise(MER_INVALID_FUNCTION, nullptr);
 }
 
 Cell int_setter(Cell value, int, unsigned, Cell code) {
@@ -85,9 +85,9 @@ Cell int_setter(Cell value, int, unsigned, Cell code) {
     if (value != MMM_NIL) {
         // A bignum is out of range as much as a small one beyond the bounds; any other
         // type likewise.
-        if (!MMM_is_node(value, DOM_INT)) MER_raise(1012, v.name);
+        if (!MMM_is_node(value, DOM_INT)) MER_raise(MER_ARG_OUT_OF_RANGE, v.name);
         n = MAR_small_int(value);
-        if (n < v.lo || n > v.hi) MER_raise(1012, v.name);
+        if (n < v.lo || n > v.hi) MER_raise(MER_ARG_OUT_OF_RANGE, v.name);
     }
     v.write(n);
     return MAR_from_long(n);
@@ -102,7 +102,7 @@ Cell int_getter(Cell, int mode, unsigned, Cell code) {
 
 Cell pretty_setter(Cell value, int, unsigned, Cell code) {
     code_number(code);
-    if (value != MMM_NIL && value != MMM_TRUE && value != MMM_FALSE) MER_raise(1012, "PRETTYPRINT");
+    if (value != MMM_NIL && value != MMM_TRUE && value != MMM_FALSE) MER_raise(MER_ARG_OUT_OF_RANGE, "PRETTYPRINT");
     MOU_pretty = value != MMM_FALSE;
     return MMM_retained(MOU_pretty ? MMM_TRUE : MMM_FALSE);
 }
@@ -126,7 +126,7 @@ const char* constant_name(Cell code) {
 
 Cell constant_setter(Cell value, int, unsigned, Cell code) {
     const char* name = constant_name(code);
-    if (value != MMM_NIL) MER_raise(1011, name);
+    if (value != MMM_NIL) MER_raise(MER_INVALID_LHS, name);
     return MMM_retained(MMM_NIL);
 }
 
@@ -169,12 +169,12 @@ std::vector<std::string> texts_of(Cell value, const char* name, bool sequence_al
     if (sequence_allowed && is_sequence(value) && MMM_child_count(value) > 1) {
         for (long i = 1; i < MMM_child_count(value); ++i) {
             Cell item = MMM_child(value, i);
-            if (!MMM_is_node(item, DOM_STRING)) MER_raise(1005, name);
+            if (!MMM_is_node(item, DOM_STRING)) MER_raise(MER_ILLEGAL_ARGUMENT, name);
             out.emplace_back(MMM_string_view(MMM_child(item, 0)));
         }
         return out;
     }
-    MER_raise(1005, name);
+    MER_raise(MER_ILLEGAL_ARGUMENT, name);
 }
 
 // One string for one text, a sequence for more, null for none.
@@ -219,7 +219,7 @@ const PathVar& path_var(Cell code) {
     const int n = code_number(code);
     for (const PathVar& v : path_vars)
         if (v.set_code == n || v.get_code == n) return v;
-    MER_raise(1019, nullptr);
+    MER_raise(MER_INVALID_FUNCTION, nullptr);
 }
 
 Cell path_setter(Cell value, int, unsigned, Cell code) {
@@ -281,7 +281,7 @@ Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
     Cell id = is_ident(x) || evaluated ? MMM_retained(x) : MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0);
     if (!is_ident(id)) {
         MMM_release(id);
-        MER_raise(1001, "protected");
+        MER_raise(MER_ILLEGAL_OPERAND, "protected");
     }
     const int level = MMM_protection(id);
     Cell former = MEV_protection_word(level);
@@ -293,8 +293,8 @@ Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
     try {
         if (!w) w = MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0);
         const int wanted = level_of_word(w);
-        if (wanted < 0) MER_raise(1005, "protected");
-        if (level == MMM_PROTECT_KERNEL) MER_raise(1046, "protected", std::string(MMM_ident_text(id)).c_str());
+        if (wanted < 0) MER_raise(MER_ILLEGAL_ARGUMENT, "protected");
+        if (level == MMM_PROTECT_KERNEL) MER_raise(MER_PROTECTED, "protected", std::string(MMM_ident_text(id)).c_str());
         Cell b = MMM_binding_find(id, MMM_current_frame);
         if (!b) b = MMM_binding_make(id, MMM_current_frame);
         MMM_binding_set_level(b, wanted);

@@ -30,7 +30,7 @@ int32_t MEV_depth = 0;
 int32_t MEV_call_depth = 0;
 Cell MEV_frame = nullptr;
 uint32_t MEV_steps = 0;
-int MEV_control = 0;
+MEV_control_code MEV_control = MEV_CONTROL_NONE;
 int16_t MEV_control_count = 0;
 Cell MEV_last_value = nullptr;
 int32_t MEV_value_pending = 0;
@@ -74,7 +74,7 @@ bool associative(int context) {
 
 void fill_legality() {
     for (auto& row : legality)
-        for (auto& e : row) e = 1001;
+        for (auto& e : row) e = MER_ILLEGAL_OPERAND;
     auto allow_all = [](int r) {
         for (auto& e : legality[r]) e = 0;
     };
@@ -87,7 +87,7 @@ void fill_legality() {
     };
     auto all_categories_but = [](int r, std::initializer_list<int> refused) {
         for (int c = 0; c < MMM_CATEGORY_COUNT && 30 + c < COLUMNS; ++c) legality[r][30 + c] = 0;
-        for (int c : refused) legality[r][30 + c] = 1001;
+        for (int c : refused) legality[r][30 + c] = MER_ILLEGAL_OPERAND;
     };
     for (int r : {0, 1, 7, 8, 22}) allow_all(r);
     for (int r : {4, 9, 19}) {
@@ -133,14 +133,14 @@ Cell eval_constant(Cell c, int context, unsigned) {
     return MMM_retained(c);
 }
 
-Cell eval_never(Cell c, int, unsigned) { MER_raise(1103, "evaluation of an internal cell"); (void)c; }
+Cell eval_never(Cell c, int, unsigned) { MER_raise(MER_INTERNAL, "evaluation of an internal cell"); (void)c; }
 
 Cell eval_ident(Cell c, int context, unsigned flags) {
     if (flags & MEV_HOLD) {
         MEV_check_legal(context, c);
         return MMM_retained(c);
     }
-    if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(1010, "See ?MAXLEVEL");
+    if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXLEVEL");
     if (MEV_depth >= MEV_level) {
         MEV_check_legal(context, c);
         return MMM_retained(c);
@@ -162,7 +162,7 @@ Cell eval_ident(Cell c, int context, unsigned flags) {
     }
     if (MEV_max_level != 2147483647 && MEV_depth + 1 >= MEV_max_level) {
         MMM_release(value);
-        MER_raise(1010, "See ?MAXLEVEL");
+        MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXLEVEL");
     }
     if (MEV_depth + 1 < MEV_level) {
         ++MEV_depth;
@@ -183,7 +183,7 @@ Cell eval_ident(Cell c, int context, unsigned flags) {
 Cell eval_var(Cell c, int context, unsigned flags) {
     MEV_check_legal(context, c);
     if (flags & MEV_HOLD) return MMM_retained(c);
-    if (!MEV_procedure_hooks.variable || !MEV_frame) MER_raise(1114, nullptr);
+    if (!MEV_procedure_hooks.variable || !MEV_frame) MER_raise(MER_ILLEGAL_VARIABLE_CONTEXT, nullptr);
     return MEV_procedure_hooks.variable(c, context, flags);
 }
 
@@ -345,7 +345,7 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
 }
 
 Cell eval_expr(Cell c, int context, unsigned flags) {
-    if (MSY_stack_nearly_full()) MER_raise(1010, "expression nested too deeply");
+    if (MSY_stack_nearly_full()) MER_raise(MER_RECURSIVE_DEFINITION, "expression nested too deeply");
     Cell op;
     if (flags & MEV_OPERATOR_DONE) {
         op = MMM_retained(MMM_child(c, 0));
@@ -380,7 +380,7 @@ Cell eval_expr(Cell c, int context, unsigned flags) {
             result = call_builtin(c, context, flags, op);
             break;
         case DOM_PROC:
-            if (!MEV_procedure_hooks.call) MER_raise(1035, "procedure call");
+            if (!MEV_procedure_hooks.call) MER_raise(MER_NOT_IMPLEMENTED, "procedure call");
             result = MEV_procedure_hooks.call(c, context, flags, op);
             break;
         case DOM_EXPR: {
@@ -432,7 +432,7 @@ Cell builtin_level(Cell e, int, unsigned, Cell) {
         const bool ok = MMM_category(n) == DOM_INT && MAR_small_int(n) >= 0;
         const int32_t v = ok ? MAR_small_int(n) : 0;
         MMM_release(n);
-        if (!ok) MER_raise(1005, "level");
+        if (!ok) MER_raise(MER_ILLEGAL_ARGUMENT, "level");
         level = v;
     }
     const int32_t saved_level = MEV_level, saved_depth = MEV_depth;
@@ -476,12 +476,12 @@ void MEV_reset_after_error() {
     MEV_depth = 0;
     MEV_call_depth = 0;
     MEV_value_pending = 0;
-    MEV_control = 0;
+    MEV_control = MEV_CONTROL_NONE;
 }
 
 void MEV_need_args(Cell e, long lo, long hi) {
     const long n = MMM_child_count(e) - 1;
-    if (n < lo || n > hi) MER_raise(1004, std::string(MMM_ident_text(MMM_child(e, 0))).c_str());
+    if (n < lo || n > hi) MER_raise(MER_WRONG_ARG_COUNT, std::string(MMM_ident_text(MMM_child(e, 0))).c_str());
 }
 
 uint16_t MEV_legality(int row, int column) {

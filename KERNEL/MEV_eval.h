@@ -32,7 +32,16 @@ extern int32_t MEV_depth;
 extern int32_t MEV_call_depth;
 extern Cell MEV_frame;  // the running activation, null at the top level
 extern uint32_t MEV_steps;
-extern int MEV_control;
+// What a `return`, `quit`, `next` or `break` asks of the statements around it; set by
+// the statement and cleared by the loop, procedure or session that it leaves.
+enum MEV_control_code : int {
+    MEV_CONTROL_NONE = 0,
+    MEV_CONTROL_RETURN = 1,  // leave the running procedure
+    MEV_CONTROL_QUIT = 2,    // end the session after the current command
+    MEV_CONTROL_NEXT = 3,    // end the round of the loop, MEV_control_count loops out
+    MEV_CONTROL_BREAK = 4,   // leave the loop, MEV_control_count loops out
+};
+extern MEV_control_code MEV_control;
 extern int16_t MEV_control_count;
 extern Cell MEV_last_value;
 extern int32_t MEV_value_pending;

@@ -25,9 +25,6 @@ MEV_domain_hooks_record MEV_domain_hooks;
 
 namespace {
 
-
-bool is_call_of(Cell x, int id) { return MMM_is_node(x, DOM_EXPR) && MMM_child(x, 0) == MMM_ident_by_id(id); }
-
 // Holds a reference for the length of a scope, errors included.
 struct Owned {
     Cell c;
@@ -98,7 +95,7 @@ Cell as_operand(Cell c) {
 // An evaluated equation. The evaluation of its operands flattens a sequence on either
 // side and drops a NULL, so `i = null()` arrives as an equation of one operand.
 bool is_equation(Cell x) {
-    return is_call_of(x, MFN_ID_EQUAL) && MEV_nargs(x) >= 1;
+    return MMM_is_call_of(x, MFN_ID_EQUAL) && MEV_nargs(x) >= 1;
 }
 
 Cell operands_as_value(Cell e, long from, long to) {
@@ -149,14 +146,14 @@ bool table_entry(Cell t, long i, Cell* key, Cell* value) {
 
 MEV_operand_rules rules[MMM_CATEGORY_COUNT];
 
-[[noreturn]] void no_operand() { MER_raise(1015, "subsop"); }
-[[noreturn]] void not_allowed() { MER_raise(1018, "subsop"); }
+[[noreturn]] void no_operand() { MER_raise(MER_NO_SUCH_OPERAND, "subsop"); }
+[[noreturn]] void not_allowed() { MER_raise(MER_SUBSTITUTION_REFUSED, "subsop"); }
 
 // A copy of x, exclusively held, for writing.
 Cell writable(Cell x) {
     Cell y = MMM_retained(x);
     MMM_clone(&y);
-    if (y->refcount != 1) MER_raise(1300, nullptr);
+    if (y->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
     return y;
 }
 
@@ -208,7 +205,7 @@ Cell var_op(Cell x, long i) {
 }
 Cell var_replace(Cell x, long i, Cell v) {
     if (i != 1 && i != 2) no_operand();
-    if (MMM_category(v) != DOM_INT) MER_raise(1001, "subsop");
+    if (MMM_category(v) != DOM_INT) MER_raise(MER_ILLEGAL_OPERAND, "subsop");
     const int depth = i == 1 ? MAR_small_int(v) : MMM_var_depth(x);
     const int index = i == 2 ? MAR_small_int(v) : MMM_var_index(x);
     return MMM_retained(MMM_var(depth, index));
@@ -298,7 +295,7 @@ Cell table_op(Cell x, long i) { return hash_entry_op(MMM_child(x, 0), i); }
 Cell table_replace(Cell x, long i, Cell v) {
     Cell key, value;
     if (!table_entry(MMM_child(x, 0), i, &key, &value)) no_operand();
-    if (v != MMM_NULL && !is_equation(v)) MER_raise(1005, "subsop");
+    if (v != MMM_NULL && !is_equation(v)) MER_raise(MER_ILLEGAL_ARGUMENT, "subsop");
     Owned y(writable(x));
     Cell& t = MMM_children(y.c)[0];
     MMM_table_remove(&t, key);
@@ -353,7 +350,7 @@ long ext_nops(Cell x) {
         Owned slot(MEV_domain_hooks.slot(MMM_child(x, 0), "nops"));
         if (slot.c && slot.c != MMM_FAIL) {
             Owned n(MEV_domain_hooks.call(slot.c, x, nullptr));
-            if (!n.c || MMM_category(n.c) != DOM_INT) MER_raise(1001, "nops");
+            if (!n.c || MMM_category(n.c) != DOM_INT) MER_raise(MER_ILLEGAL_OPERAND, "nops");
             return MAR_small_int(n.c);
         }
     }
@@ -429,8 +426,8 @@ Cell all_operands(Cell x, bool ext) {
 
 // An integer bound of a range: big integers are 1029, anything else 1005.
 long range_bound(Cell b, const char* who) {
-    if (MMM_category(b) == CAT_BIG_INT) MER_raise(1029, who);
-    if (MMM_category(b) != DOM_INT) MER_raise(1005, who);
+    if (MMM_category(b) == CAT_BIG_INT) MER_raise(MER_INTEGER_TOO_LARGE, who);
+    if (MMM_category(b) != DOM_INT) MER_raise(MER_ILLEGAL_ARGUMENT, who);
     return MAR_small_int(b);
 }
 
@@ -447,7 +444,7 @@ Cell operand_at(Cell x, Cell index, const char* who, bool ext) {
     const int cat = MMM_category(index);
     if (cat == DOM_INT) return single_operand(x, MAR_small_int(index), ext);
     if (cat == CAT_BIG_INT) return MMM_retained(MMM_FAIL);  // negative, or beyond every operand
-    if (is_call_of(index, MFN_ID_RANGE) && MEV_nargs(index) == 2) {
+    if (MMM_is_call_of(index, MFN_ID_RANGE) && MEV_nargs(index) == 2) {
         const long a = range_bound(MEV_arg(index, 1), who), b = range_bound(MEV_arg(index, 2), who);
         if (a < 0 || b < 0) return MMM_retained(MMM_FAIL);
         if (b < a) return MMM_retained(MMM_NULL);
@@ -464,18 +461,18 @@ Cell operand_at(Cell x, Cell index, const char* who, bool ext) {
         Owned v(MMM_retained(x));
         for (long k = 0; k < MMM_child_count(index); ++k) {
             Cell step = MMM_child(index, k);
-            if (MMM_category(step) != DOM_INT && MMM_category(step) != CAT_BIG_INT && !is_call_of(step, MFN_ID_RANGE))
-                MER_raise(1005, who);
+            if (MMM_category(step) != DOM_INT && MMM_category(step) != CAT_BIG_INT && !MMM_is_call_of(step, MFN_ID_RANGE))
+                MER_raise(MER_ILLEGAL_ARGUMENT, who);
             v.reset(operand_at(v.c, step, who, ext));
         }
         return v.take();
     }
-    MER_raise(1005, who);
+    MER_raise(MER_ILLEGAL_ARGUMENT, who);
 }
 
 Cell builtin_op(Cell e, const char* who, bool ext) {
     if (MEV_nargs(e) == 0) return MMM_retained(MMM_NULL);
-    if (MEV_nargs(e) > 2) MER_raise(1004, who);
+    if (MEV_nargs(e) > 2) MER_raise(MER_WRONG_ARG_COUNT, who);
     Cell x = MEV_arg(e, 1);
     if (MEV_nargs(e) == 1) return all_operands(x, ext);
     return operand_at(x, MEV_arg(e, 2), who, ext);
@@ -483,7 +480,7 @@ Cell builtin_op(Cell e, const char* who, bool ext) {
 
 Cell builtin_nops_common(Cell e, const char* who, bool ext) {
     if (MEV_nargs(e) == 0) return MAR_from_long(0);
-    if (MEV_nargs(e) > 1) MER_raise(1004, who);
+    if (MEV_nargs(e) > 1) MER_raise(MER_WRONG_ARG_COUNT, who);
     return MAR_from_long(count_of(MEV_arg(e, 1), ext));
 }
 
@@ -526,7 +523,7 @@ Cell substitute(Cell e, long last, const char* who, bool ext) {
     Owned x(MMM_retained(MEV_arg(e, 1)));
     for (long k = 2; k <= last; ++k) {
         Cell s = MEV_arg(e, k);
-        if (!is_equation(s)) MER_raise(1005, who);
+        if (!is_equation(s)) MER_raise(MER_ILLEGAL_ARGUMENT, who);
         const std::vector<long> path = substitution_path(MEV_arg(s, 1));
         Owned v(operands_as_value(s, 2, MEV_nargs(s)));
         x.reset(replace_path(x.c, path, 0, v.c, ext));
@@ -535,7 +532,7 @@ Cell substitute(Cell e, long last, const char* who, bool ext) {
 }
 
 Cell builtin_subsop(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) < 1) MER_raise(1004, "subsop");
+    if (MEV_nargs(e) < 1) MER_raise(MER_WRONG_ARG_COUNT, "subsop");
     long last = MEV_nargs(e);
     const bool simplify = !(last > 1 && MEV_arg(e, last) == unsimplified);
     if (!simplify) --last;
@@ -547,8 +544,8 @@ Cell builtin_subsop(Cell e, int, unsigned, Cell) {
 // extsubsop works on the children of a domain element only, and seals the result without
 // evaluating it.
 Cell builtin_extsubsop(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) < 1) MER_raise(1004, "extsubsop");
-    if (!MMM_is_node(MEV_arg(e, 1), DOM_EXT)) MER_raise(1005, "extsubsop");
+    if (MEV_nargs(e) < 1) MER_raise(MER_WRONG_ARG_COUNT, "extsubsop");
+    if (!MMM_is_node(MEV_arg(e, 1), DOM_EXT)) MER_raise(MER_ILLEGAL_ARGUMENT, "extsubsop");
     return substitute(e, MEV_nargs(e), "extsubsop", true);
 }
 
@@ -585,7 +582,7 @@ Cell function_type(Cell x, Owned& head) {
 Cell builtin_type(Cell e, int context, unsigned flags, Cell) {
     Cell held;
     if (MEV_held(e, context, flags, &held)) return held;
-    if (MEV_nargs(e) != 1) MER_raise(1004, "type");
+    if (MEV_nargs(e) != 1) MER_raise(MER_WRONG_ARG_COUNT, "type");
     Owned x(eval_one_level_less(MEV_arg(e, 1)));
     if (MMM_is_node(x.c, DOM_EXPR)) {
         Owned head;
@@ -596,7 +593,7 @@ Cell builtin_type(Cell e, int context, unsigned flags, Cell) {
 }
 
 Cell builtin_domtype(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) != 1) MER_raise(1004, "domtype");
+    if (MEV_nargs(e) != 1) MER_raise(MER_WRONG_ARG_COUNT, "domtype");
     return MEV_domain_of(MEV_arg(e, 1));
 }
 
@@ -604,14 +601,14 @@ Cell builtin_domtype(Cell e, int, unsigned, Cell) {
 Cell slot_answer(Cell slot, Cell x, Cell t) {
     Owned r(MEV_domain_hooks.call(slot, x, t));
     if (r.c == MMM_FAIL) return nullptr;
-    if (r.c != MMM_TRUE && r.c != MMM_FALSE) MER_raise(1038, "testtype");
+    if (r.c != MMM_TRUE && r.c != MMM_FALSE) MER_raise(MER_ILLEGAL_RETURN_TYPE, "testtype");
     return r.take();
 }
 
 Cell builtin_testtype(Cell e, int context, unsigned flags, Cell) {
     Cell held;
     if (MEV_held(e, context, flags, &held)) return held;
-    if (MEV_nargs(e) != 2) MER_raise(1004, "testtype");
+    if (MEV_nargs(e) != 2) MER_raise(MER_WRONG_ARG_COUNT, "testtype");
     Owned x(eval_one_level_less(MEV_arg(e, 1)));
     Owned t(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
     Owned domain(MEV_domain_of(x.c));
@@ -638,16 +635,16 @@ Cell truth(bool b) { return MMM_retained(b ? MMM_TRUE : MMM_FALSE); }
 
 Cell builtin_contains(Cell e, int, unsigned, Cell) {
     const long n = MEV_nargs(e);
-    if (n < 2) MER_raise(1004, "contains");
+    if (n < 2) MER_raise(MER_WRONG_ARG_COUNT, "contains");
     Cell x = MEV_arg(e, 1), v = MEV_arg(e, 2);
     const int cat = MMM_category(x);
     if (cat == DOM_LIST) {
-        if (n > 3) MER_raise(1004, "contains");
+        if (n > 3) MER_raise(MER_WRONG_ARG_COUNT, "contains");
         long start = 1;
         if (n == 3) {
             Cell s = MEV_arg(e, 3);
             if (MMM_category(s) == CAT_BIG_INT) return MAR_from_long(0);
-            if (MMM_category(s) != DOM_INT) MER_raise(1005, "contains");
+            if (MMM_category(s) != DOM_INT) MER_raise(MER_ILLEGAL_ARGUMENT, "contains");
             start = MAR_small_int(s);
             if (start < 1 || start > MMM_child_count(x)) return MAR_from_long(0);
         }
@@ -655,8 +652,8 @@ Cell builtin_contains(Cell e, int, unsigned, Cell) {
             if (MCM_equal(MMM_child(x, i - 1), v)) return MAR_from_long(i);
         return MAR_from_long(0);
     }
-    if (cat != DOM_SET && cat != DOM_TABLE && cat != DOM_ARRAY) MER_raise(1005, "contains");
-    if (n != 2) MER_raise(1004, "contains");
+    if (cat != DOM_SET && cat != DOM_TABLE && cat != DOM_ARRAY) MER_raise(MER_ILLEGAL_ARGUMENT, "contains");
+    if (n != 2) MER_raise(MER_WRONG_ARG_COUNT, "contains");
     if (cat != DOM_ARRAY) return truth(MMM_table_find(MMM_child(x, 0), v, nullptr));
     for (long i = 0; i < MMM_array_size(x); ++i)
         if (Cell entry = MMM_array_entry(x, i); entry && MCM_equal(entry, v)) return truth(true);

@@ -41,19 +41,16 @@ constexpr OptionWord option_words[] = {
 };
 
 bool is_cat(Cell c, int category) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == category; }
-bool is_call_of(Cell c, int id) {
-    return is_cat(c, DOM_EXPR) && MMM_child_count(c) >= 1 && MMM_child(c, 0) == MMM_ident_by_id(id);
-}
 bool is_proc(Cell c) { return is_cat(c, DOM_PROC) && MMM_child_count(c) == MEV_PF_COUNT; }
 
 // The items of a parameter, local, saved or option field: NIL has none, a sequence its
 // operands, anything else is one item.
 long item_count(Cell field) {
     if (!field || field == MMM_NIL) return 0;
-    if (is_call_of(field, MFN_ID_EXPRSEQ)) return MMM_child_count(field) - 1;
+    if (MMM_is_call_of(field, MFN_ID_EXPRSEQ)) return MMM_child_count(field) - 1;
     return 1;
 }
-Cell item(Cell field, long k) { return is_call_of(field, MFN_ID_EXPRSEQ) ? MMM_child(field, k + 1) : field; }
+Cell item(Cell field, long k) { return MMM_is_call_of(field, MFN_ID_EXPRSEQ) ? MMM_child(field, k + 1) : field; }
 
 // Entry k of a field that has one entry for each of n parameters: the field itself for
 // one, an operand of the sequence for more; null where there is none.
@@ -61,7 +58,7 @@ Cell entry(Cell field, long k, long n) {
     if (!field || field == MMM_NIL) return nullptr;
     Cell e = nullptr;
     if (n == 1) e = field;
-    else if (is_call_of(field, MFN_ID_EXPRSEQ) && MMM_child_count(field) - 1 == n) e = MMM_child(field, k + 1);
+    else if (MMM_is_call_of(field, MFN_ID_EXPRSEQ) && MMM_child_count(field) - 1 == n) e = MMM_child(field, k + 1);
     return e == MMM_NIL ? nullptr : e;
 }
 
@@ -113,7 +110,7 @@ std::string text_of(Cell v) {
 // itself (error 2006) and drops the statement.
 uint16_t read_options(Cell field, bool lenient) {
     const long n = item_count(field);
-    if (n > 6) MER_raise(1030, nullptr);
+    if (n > 6) MER_raise(MER_UNKNOWN_OPTION, nullptr);
     uint16_t bits = 0;
     for (long k = 0; k < n; ++k) {
         Cell w = item(field, k);
@@ -124,7 +121,7 @@ uint16_t read_options(Cell field, bool lenient) {
                     bits |= o.bits;
                     known = true;
                 }
-        if (!known && !lenient) MER_raise(1030, is_cat(w, DOM_IDENT) ? ident_text(w).c_str() : nullptr);
+        if (!known && !lenient) MER_raise(MER_UNKNOWN_OPTION, is_cat(w, DOM_IDENT) ? ident_text(w).c_str() : nullptr);
     }
     return bits;
 }
@@ -144,7 +141,7 @@ void warn_duplicates(Cell params, Cell locals, Cell saves, Cell name) {
     if (twice.empty()) return;
     std::string text = "\nWarning: Duplicate parameter, variable or saved identifier '" + ident_text(twice[0]) + "'";
     for (size_t i = 1; i < twice.size(); ++i) text += ", '" + ident_text(twice[i]) + "'";
-    const bool named = name && name != MMM_NIL && !(is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1);
+    const bool named = name && name != MMM_NIL && !(MMM_is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1);
     text += " in procedure '" + (named ? text_of(name) : std::string("unknown")) + "'.\n\n";
     MOU_printf(MOU_WRN, "%s", text.c_str());
 }
@@ -168,7 +165,7 @@ void remember_store(Cell proc, Cell args, Cell value) {
         MMM_release(table);
         table = MMM_make_table(0);
     }
-    if (!is_cat(table, DOM_TABLE)) MER_raise(1001, "DOM_PROC");
+    if (!is_cat(table, DOM_TABLE)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
     Cell key = MMM_table_make_key(args, 1);
     MMM_table_set(&MMM_children(table)[0], key, value);
     MMM_release(key);
@@ -214,7 +211,7 @@ std::string clipped(const std::string& text) { return text.size() > 80 ? text.su
 
 [[noreturn]] void type_error(std::string message, Cell frame) {
     message += " [" + MEV_call_name_text(frame) + "]";
-    MER_raise(1028, message.c_str());
+    MER_raise(MER_USER_ERROR, message.c_str());
 }
 
 void check_arguments(Cell frame, Cell proc, long nargs, long nparams) {
@@ -250,7 +247,7 @@ void check_hidden_body(Cell body) {
              MMM_code_of(MMM_child(MMM_child(v, 0), 0)).code == 913;
         MMM_release(v);
     }
-    if (!ok) MER_raise(1001, "function evaluation");
+    if (!ok) MER_raise(MER_ILLEGAL_OPERAND, "function evaluation");
 }
 
 // ---- saved names ----
@@ -270,7 +267,7 @@ void restore_name(Cell ident, Cell value) {
 Cell eval_local(Cell var, int, unsigned) {
     Cell a = reach(MEV_frame, MMM_var_depth(var));
     Cell* s = slot_of(a, MMM_var_index(var));
-    if (!s) MER_raise(1114, "DOM_VAR");
+    if (!s) MER_raise(MER_ILLEGAL_VARIABLE_CONTEXT, "DOM_VAR");
     if (!*s) {
         // The first read of a local without value: it becomes NIL, with a warning.
         *s = MMM_retained(MMM_NIL);
@@ -278,14 +275,14 @@ Cell eval_local(Cell var, int, unsigned) {
             Cell p = MMM_child(a, MEV_AC_PROC);
             Cell name = p ? MEV_var_name(MMM_var_index(var), MMM_child(p, MEV_PF_PARAMS), MMM_child(p, MEV_PF_LOCALS))
                           : nullptr;
-            MER_warn(-1000, nullptr, name ? ident_text(name).c_str() : "unknown");
+            MER_warn(MER_WARN_UNINITIALIZED, nullptr, name ? ident_text(name).c_str() : "unknown");
         }
     }
     return MMM_retained(*s);
 }
 
 void write_local(Cell var, Cell value) {
-    if (!MEV_var_write(var, value, MEV_frame)) MER_raise(1049, nullptr);
+    if (!MEV_var_write(var, value, MEV_frame)) MER_raise(MER_INVALID_VARIABLE, nullptr);
 }
 
 Cell printer_var_name(int depth, int index) {
@@ -307,7 +304,7 @@ bool context_name(std::string& name) {
 // parameter, the operands one by one for more.
 Cell evaluated_field(Cell field, long nparams) {
     if (field == MMM_NIL) return MMM_retained(field);
-    if (nparams <= 1 || !is_call_of(field, MFN_ID_EXPRSEQ)) return MEV_eval_value(field, MEV_CONTEXT_STATEMENT, 0);
+    if (nparams <= 1 || !MMM_is_call_of(field, MFN_ID_EXPRSEQ)) return MEV_eval_value(field, MEV_CONTEXT_STATEMENT, 0);
     const long n = MMM_child_count(field);
     Cell out = MMM_new_node(DOM_EXPR, n);
     for (long i = 0; i < n; ++i) MMM_children(out)[i] = nullptr;
@@ -354,13 +351,13 @@ namespace {
 
 Cell make_procedure(Cell tree, bool closed, bool lenient) {
     const long n = MMM_child_count(tree);
-    if (n != 7 && n != 9 && n != 13 && n != 14) MER_raise(1004, "_procdef");
+    if (n != 7 && n != 9 && n != 13 && n != 14) MER_raise(MER_WRONG_ARG_COUNT, "_procdef");
     auto field = [&](long i, Cell missing) { return i < n ? MMM_child(tree, i) : missing; };
     uint16_t bits = read_options(field(3, MMM_NIL), lenient) | MEV_PROC_NORMALISED;
     if (closed) bits |= MEV_PROC_CLOSED;
     if (MEV_depth == 0) warn_duplicates(field(1, MMM_NIL), field(2, MMM_NIL), field(10, MMM_NIL), field(5, MMM_NIL));
     Cell body = MMM_retained(field(4, MMM_NIL));
-    if ((bits & MEV_PROC_NO_EXPOSE) && !is_call_of(body, MFN_ID_STMTSEQ)) {
+    if ((bits & MEV_PROC_NO_EXPOSE) && !MMM_is_call_of(body, MFN_ID_STMTSEQ)) {
         // A hidden body is a call of the statement sequence, where printing stops.
         Cell wrapped = MMM_make_expr(2);
         MMM_children(wrapped)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_STMTSEQ));
@@ -425,15 +422,15 @@ Cell MEV_bind_closure(Cell proc, int, unsigned flags) {
 
 Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     // 1. The depth of calls.
-    if (MEV_call_depth >= MEV_max_depth) MER_raise(1010, "See ?MAXDEPTH");
-    if (!is_proc(proc)) MER_raise(1001, "DOM_PROC");
+    if (MEV_call_depth >= MEV_max_depth) MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXDEPTH");
+    if (!is_proc(proc)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
     const uint16_t options = MMM_node_flags(proc);
     const bool escape = options & MEV_PROC_ESCAPE;
     Cell const* field = MMM_children(proc);
     // 3. The call name: `anonymous` for none, NIL for an empty `name`.
     Cell name = field[MEV_PF_NAME];
     Cell call_name = name == MMM_NIL                                                         ? anonymous
-                     : is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1 ? MMM_NIL
+                     : MMM_is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1 ? MMM_NIL
                                                                                            : name;
     // 4. Held: the call stays as it is.
     if (flags & MEV_HOLD) return MMM_retained(expr);
@@ -454,7 +451,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     if (served && table != MMM_NIL) {
         if (!is_cat(table, DOM_TABLE)) {
             MMM_release(args);
-            MER_raise(1001, "DOM_PROC");
+            MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
         }
         Cell found = nullptr;
         if (MMM_table_lookup(MMM_child(table, 0), args, 1, &found) && found) {
@@ -550,7 +547,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         // 20.
         MEV_frame_leave(frame);
         // 22. A `return` (or a stray `next` or `break`) ends here; `quit` goes on.
-        if (MEV_control != 2) MEV_control = 0;
+        if (MEV_control != MEV_CONTROL_QUIT) MEV_control = MEV_CONTROL_NONE;
         // 23.
         if (check && field[MEV_PF_RETURN_TYPE] != MMM_NIL) {
             MEV_type_check = 0;
@@ -563,7 +560,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         MEV_frame = MMM_retained(back);
         frame_current = false;
         if (!MEV_frame_close(frame, escape) && MEV_warn_dead_closure)
-            MER_warn(-1004, nullptr, name_text.c_str());
+            MER_warn(MER_WARN_DEAD_CLOSURE, nullptr, name_text.c_str());
         // 25.
         if (remember_now) {
             remember_store(proc, args, result);
@@ -612,7 +609,7 @@ bool MEV_var_write(Cell var, Cell value, Cell frame) {
 
 Cell MEV_var_take(Cell var) {
     Cell* s = MEV_var_slot(var, MEV_frame);
-    if (!s) MER_raise(1049, nullptr);
+    if (!s) MER_raise(MER_INVALID_VARIABLE, nullptr);
     Cell v = *s;
     *s = nullptr;
     return v;

@@ -16,9 +16,6 @@
 namespace {
 
 bool is_cat(Cell c, int category) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == category; }
-bool is_call_of(Cell c, int id) {
-    return is_cat(c, DOM_EXPR) && MMM_child_count(c) >= 1 && MMM_child(c, 0) == MMM_ident_by_id(id);
-}
 
 // NULL for no value, the value for one, a sequence for more.
 Cell sequence_of(const std::vector<Cell>& values) {
@@ -50,7 +47,7 @@ Cell builtin_procdef(Cell e, int context, unsigned flags, Cell) {
 // args(), args(0), args(i), args(i..j): the arguments of the running call as supplied
 // (a parameter assigned to since shows its new value: it is the same slot).
 Cell builtin_args(Cell e, int, unsigned, Cell) {
-    if (!MEV_frame) MER_raise(1104, nullptr);
+    if (!MEV_frame) MER_raise(MER_ILLEGAL_CONTEXT, nullptr);
     MEV_need_args(e, 0, 1);
     Cell a = MEV_frame;
     const int32_t* w = MEV_activation_words(a);
@@ -66,13 +63,13 @@ Cell builtin_args(Cell e, int, unsigned, Cell) {
     if (MEV_nargs(e) == 0) return range(1, count);
     Cell x = MEV_arg(e, 1);
     auto index = [&](Cell i, long lowest) -> long {
-        if (MMM_category(i) == CAT_BIG_INT) MER_raise(1012, "args");
-        if (MMM_category(i) != DOM_INT) MER_raise(1005, "args");
+        if (MMM_category(i) == CAT_BIG_INT) MER_raise(MER_ARG_OUT_OF_RANGE, "args");
+        if (MMM_category(i) != DOM_INT) MER_raise(MER_ILLEGAL_ARGUMENT, "args");
         const long k = MAR_small_int(i);
-        if (k < lowest || k > count) MER_raise(1012, "args");
+        if (k < lowest || k > count) MER_raise(MER_ARG_OUT_OF_RANGE, "args");
         return k;
     };
-    if (is_call_of(x, MFN_ID_RANGE) && MEV_nargs(x) == 2) {
+    if (MMM_is_call_of(x, MFN_ID_RANGE) && MEV_nargs(x) == 2) {
         const long lo = index(MEV_arg(x, 1), 1), hi = index(MEV_arg(x, 2), 1);
         return range(lo, hi);
     }
@@ -87,11 +84,11 @@ Cell builtin_last(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 1);
     long n = 1;
     if (MEV_nargs(e) == 1) {
-        if (MMM_category(MEV_arg(e, 1)) != DOM_INT) MER_raise(1005, "last");
+        if (MMM_category(MEV_arg(e, 1)) != DOM_INT) MER_raise(MER_ILLEGAL_ARGUMENT, "last");
         n = MAR_small_int(MEV_arg(e, 1));
     }
     if (!MEV_frame) return MMM_retained(e);
-    if (n < 1 || n > 3) MER_raise(1012, "last");
+    if (n < 1 || n > 3) MER_raise(MER_ARG_OUT_OF_RANGE, "last");
     const int32_t pos = MEV_activation_words(MEV_frame)[MEV_AW_RING_POS];
     Cell v = MMM_child(MEV_frame, MEV_AC_RING + (pos - n + 6) % 3);
     return MMM_retained(v ? v : MMM_NULL);
@@ -102,7 +99,7 @@ Cell builtin_last(Cell e, int, unsigned, Cell) {
 Cell builtin_context(Cell e, int, unsigned flags, Cell) {
     if (flags & MEV_HOLD) return MMM_retained(e);
     if (MEV_nargs(e) == 0) return MMM_retained(MMM_NULL);
-    if (!MEV_frame) MER_raise(1037, nullptr);
+    if (!MEV_frame) MER_raise(MER_NOT_INTERACTIVE, nullptr);
     MEV_need_args(e, 1, 1);
     Cell value = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
     Cell frame = MEV_frame;
@@ -141,10 +138,10 @@ Cell builtin_act_proc_env(Cell e, int, unsigned, Cell) {
 Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 3, 3);
     Cell dom = MEV_arg(e, 2), env = MEV_arg(e, 3);
-    if (!is_cat(dom, DOM_DOMAIN) || !is_cat(env, DOM_PROC_ENV)) MER_raise(1005, "_eval_entry");
+    if (!is_cat(dom, DOM_DOMAIN) || !is_cat(env, DOM_PROC_ENV)) MER_raise(MER_ILLEGAL_ARGUMENT, "_eval_entry");
     Cell a = MMM_child(env, 0);
     const int32_t first = MEV_activation_words(a)[MEV_AW_FIRST_SLOT];
-    if (first + 1 >= MMM_child_count(a)) MER_raise(1114, "DOM_PROC_ENV");  // an emptied activation
+    if (first + 1 >= MMM_child_count(a)) MER_raise(MER_ILLEGAL_VARIABLE_CONTEXT, "DOM_PROC_ENV");  // an emptied activation
     Cell* c = MMM_children(a);
     Cell saved_dom = c[first + 1], saved_caller = c[MEV_AC_CALLER];
     Cell frame = MEV_frame;
@@ -171,7 +168,7 @@ Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
 
 Cell builtin_copy_closure(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 1, 1);
-    if (!is_cat(MEV_arg(e, 1), DOM_PROC)) MER_raise(1005, "copyClosure");
+    if (!is_cat(MEV_arg(e, 1), DOM_PROC)) MER_raise(MER_ILLEGAL_ARGUMENT, "copyClosure");
     return MEV_copy_closure(MEV_arg(e, 1));
 }
 

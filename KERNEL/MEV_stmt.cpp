@@ -20,9 +20,6 @@
 namespace {
 
 std::string name_of(Cell e) { return std::string(MMM_ident_text(MMM_child(e, 0))); }
-bool is_call_of(Cell c, int id) {
-    return MMM_kind_of(c) == MMM_NODE && MMM_category(c) == DOM_EXPR && MMM_child(c, 0) == MMM_ident_by_id(id);
-}
 bool is_real(Cell v) {
     const int c = MMM_category(v);
     return c == CAT_BIG_INT || c == DOM_INT || c == DOM_RAT || c == DOM_FLOAT;
@@ -34,7 +31,7 @@ bool opening(Cell e, unsigned flags, Cell* out) {
         *out = MMM_retained(e);
         return true;
     }
-    if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(1010, "See ?MAXLEVEL");
+    if (MEV_max_level != 2147483647 && MEV_depth >= MEV_max_level) MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXLEVEL");
     if (MEV_depth >= MEV_level) {
         *out = MMM_retained(e);
         return true;
@@ -69,10 +66,10 @@ void assign_variable(Cell var, Cell value, unsigned flags) {
     if (MMM_category(var) == DOM_IDENT) {
         MMM_release(MMM_set_value(var, value, flags, MMM_current_frame));
     } else if (MMM_category(var) == DOM_VAR) {
-        if (!MEV_variable_writer) MER_raise(1049, nullptr);
+        if (!MEV_variable_writer) MER_raise(MER_INVALID_VARIABLE, nullptr);
         MEV_variable_writer(var, value);
     } else {
-        MER_raise(1049, nullptr);
+        MER_raise(MER_INVALID_VARIABLE, nullptr);
     }
 }
 
@@ -83,14 +80,14 @@ Cell read_variable(Cell var) {
 
 void check_loop_variable(Cell var) {
     const int c = MMM_category(var);
-    if (c != DOM_IDENT && c != DOM_VAR) MER_raise(1049, nullptr);
+    if (c != DOM_IDENT && c != DOM_VAR) MER_raise(MER_INVALID_VARIABLE, nullptr);
 }
 
 Cell eval_real(Cell e, int context) {
     Cell v = MEV_eval(e, context, 0);
     if (MMM_category(v) > 5) {
         MMM_release(v);
-        MER_raise(1006, nullptr);
+        MER_raise(MER_REAL_EXPECTED, nullptr);
     }
     return v;
 }
@@ -99,11 +96,11 @@ Cell eval_real(Cell e, int context) {
 
 // The integer of an index, or raises 1017 when it is none.
 long list_index(Cell list_value, Cell index) {
-    if (MMM_category(index) != DOM_INT) MER_raise(1017, nullptr);
+    if (MMM_category(index) != DOM_INT) MER_raise(MER_INVALID_INDEX, nullptr);
     const long n = MMM_child_count(list_value);
     long i = MAR_small_int(index);
     if (i < 0) i = n + 1 + i;
-    if (i < 1 || i > n) MER_raise(1017, nullptr);
+    if (i < 1 || i > n) MER_raise(MER_INVALID_INDEX, nullptr);
     return i;
 }
 
@@ -115,7 +112,7 @@ Cell index_key(Cell index_expr) { return MMM_table_make_key(index_expr, 2); }
 void write_at(Cell* container, Cell index_expr, Cell value) {
     const int cat = MMM_category(*container);
     if (cat == DOM_LIST) {
-        if (MEV_nargs(index_expr) != 2) MER_raise(1017, nullptr);
+        if (MEV_nargs(index_expr) != 2) MER_raise(MER_INVALID_INDEX, nullptr);
         Cell index = MEV_eval(MEV_arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
         long i;
         try {
@@ -165,7 +162,7 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         return;
     }
     if (cat == DOM_STRING) {
-        if (MEV_nargs(index_expr) != 2) MER_raise(1017, nullptr);
+        if (MEV_nargs(index_expr) != 2) MER_raise(MER_INVALID_INDEX, nullptr);
         Cell index = MEV_eval(MEV_arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
         std::string text(MMM_string_view(MMM_child(*container, 0)));
         // Positions as in reading: from 1, a negative one from the end.
@@ -173,15 +170,15 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         if (i < 0) i += long(text.size()) + 1;
         const bool ok = i >= 1 && size_t(i) <= text.size();
         MMM_release(index);
-        if (!ok) MER_raise(1017, nullptr);
+        if (!ok) MER_raise(MER_INVALID_INDEX, nullptr);
         if (!value || MMM_category(value) != DOM_STRING || MMM_string_view(MMM_child(value, 0)).size() != 1)
-            MER_raise(1005, "_assign");
+            MER_raise(MER_ILLEGAL_ARGUMENT, "_assign");
         text[size_t(i - 1)] = MMM_string_view(MMM_child(value, 0))[0];
         MMM_release(*container);
         *container = MMM_make_string(text);
         return;
     }
-    MER_raise(1011, nullptr);
+    MER_raise(MER_INVALID_LHS, nullptr);
 }
 
 // The value an identifier or local holds, for writing into: taken out of the current
@@ -230,7 +227,7 @@ Cell evaluated_indices(Cell lhs) {
 // a[i] := v, and deeper paths a[i][j] := v.
 void assign_index(Cell lhs, Cell value, unsigned flags) {
     Cell base = MEV_arg(lhs, 1);
-    if (is_call_of(base, MFN_ID_INDEX)) {
+    if (MMM_is_call_of(base, MFN_ID_INDEX)) {
         // a[i][j] := v: read a[i], write into it, and write it back at a[i].
         Cell inner = MEV_eval(base, MEV_CONTEXT_ARGUMENT, 0);
         try {
@@ -243,7 +240,7 @@ void assign_index(Cell lhs, Cell value, unsigned flags) {
         MMM_release(inner);
         return;
     }
-    if (MMM_category(base) != DOM_IDENT && MMM_category(base) != DOM_VAR) MER_raise(1011, nullptr);
+    if (MMM_category(base) != DOM_IDENT && MMM_category(base) != DOM_VAR) MER_raise(MER_INVALID_LHS, nullptr);
     Cell path = evaluated_indices(lhs);
     Cell container;
     try {
@@ -272,7 +269,7 @@ void assign_index(Cell lhs, Cell value, unsigned flags) {
 void assign_to(Cell lhs, Cell value, unsigned flags);
 
 void assign_list(Cell lhs, Cell value, unsigned flags) {
-    if (MMM_category(value) != DOM_LIST || MMM_child_count(value) != MMM_child_count(lhs)) MER_raise(1011, nullptr);
+    if (MMM_category(value) != DOM_LIST || MMM_child_count(value) != MMM_child_count(lhs)) MER_raise(MER_INVALID_LHS, nullptr);
     for (long i = 0; i < MMM_child_count(lhs); ++i) assign_to(MMM_child(lhs, i), MMM_child(value, i), flags);
 }
 
@@ -289,7 +286,7 @@ void assign_call(Cell lhs, Cell value) {
             throw;
         }
         MMM_release(f);
-        if (!stored) MER_raise(1011, nullptr);
+        if (!stored) MER_raise(MER_INVALID_LHS, nullptr);
         return;
     }
     int ext = 0;
@@ -317,11 +314,11 @@ void assign_to(Cell lhs, Cell value, unsigned flags) {
         assign_list(lhs, value, flags);
         return;
     case DOM_EXPR:
-        if (is_call_of(lhs, MFN_ID_INDEX)) return assign_index(lhs, value, flags);
-        if (is_call_of(lhs, MFN_ID_SLOT)) MER_raise(1035, "slot assignment");
+        if (MMM_is_call_of(lhs, MFN_ID_INDEX)) return assign_index(lhs, value, flags);
+        if (MMM_is_call_of(lhs, MFN_ID_SLOT)) MER_raise(MER_NOT_IMPLEMENTED, "slot assignment");
         return assign_call(lhs, value);
     default:
-        MER_raise(1011, nullptr);
+        MER_raise(MER_INVALID_LHS, nullptr);
     }
 }
 
@@ -337,7 +334,7 @@ Cell stmt_stmtseq(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_assign(Cell e, int context, unsigned flags, unsigned set_flags) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) != 2) MER_raise(1004, name_of(e).c_str());
+    if (MEV_nargs(e) != 2) MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
     Cell value = (flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE))
                      ? MMM_retained(MEV_arg(e, 2))
                      : MEV_eval_value(MEV_arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0);
@@ -364,32 +361,33 @@ Cell stmt_sysassign(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_if(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) != 3) MER_raise(1004, "_if");
+    if (MEV_nargs(e) != 3) MER_raise(MER_WRONG_ARG_COUNT, "_if");
     const int b = MEV_bool(MEV_arg(e, 1));
     if (b == MMM_BOOL_TRUE) MEV_exec(MEV_arg(e, 2));
     else if (b == MMM_BOOL_FALSE) MEV_exec(MEV_arg(e, 3));
-    else MER_raise(1003, "_if");
+    else MER_raise(MER_NOT_BOOLEAN, "_if");
     return closing(context);
 }
 
 void consume_break() {
-    if (MEV_control == 4 && --MEV_control_count <= 0) MEV_control = 0;
+    if (MEV_control == MEV_CONTROL_BREAK && --MEV_control_count <= 0) MEV_control = MEV_CONTROL_NONE;
 }
 
 // After a loop body: a `next` for this loop is used up here.
 void consume_next() {
-    if (MEV_control == 3 && --MEV_control_count <= 0) MEV_control = 0;
+    if (MEV_control == MEV_CONTROL_NEXT && --MEV_control_count <= 0) MEV_control = MEV_CONTROL_NONE;
 }
 
 // On the way out of a loop: a `next` or `break` for this loop ends here.
 void leave_loop() {
-    if ((MEV_control == 3 || MEV_control == 4) && --MEV_control_count <= 0) MEV_control = 0;
+    if ((MEV_control == MEV_CONTROL_NEXT || MEV_control == MEV_CONTROL_BREAK) && --MEV_control_count <= 0)
+        MEV_control = MEV_CONTROL_NONE;
 }
 
 Cell stmt_case(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) < 1) MER_raise(1004, "_case");
+    if (MEV_nargs(e) < 1) MER_raise(MER_WRONG_ARG_COUNT, "_case");
     Cell selector = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_FREE, 0);
     const long pairs = (MEV_nargs(e) - 1) / 2;
     const bool has_otherwise = (MEV_nargs(e) - 1) % 2 == 1;
@@ -426,7 +424,7 @@ bool read_back_real(Cell var, Cell* value) {
 Cell stmt_for(Cell e, int context, unsigned flags, bool down) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) != 5) MER_raise(1004, down ? "_for_down" : "_for");
+    if (MEV_nargs(e) != 5) MER_raise(MER_WRONG_ARG_COUNT, down ? "_for_down" : "_for");
     clear_last_value();
     Cell var = MEV_arg(e, 1);
     Cell start = eval_real(MEV_arg(e, 2), MFN_ID_PLUS);
@@ -435,14 +433,14 @@ Cell stmt_for(Cell e, int context, unsigned flags, bool down) {
         step = MEV_arg(e, 4) == MMM_NIL ? MMM_retained(MAR_ONE) : eval_real(MEV_arg(e, 4), MFN_ID_PLUS);
         stop = eval_real(MEV_arg(e, 3), MFN_ID_PLUS);
         check_loop_variable(var);
-        if (MAR_compare(step, MAR_ZERO) <= 0) MER_raise(1042, nullptr);
+        if (MAR_compare(step, MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
         assign_variable(var, start, 0);
         Cell counter = MMM_retained(start);
         while ((down ? MAR_compare(counter, stop) >= 0 : MAR_compare(counter, stop) <= 0) && !MEV_control) {
             MEV_exec(MEV_arg(e, 5));
             MMM_release(counter);
             counter = nullptr;
-            if (!read_back_real(var, &counter)) MER_raise(1201, "_for", "Illegal assignment to loop variable");
+            if (!read_back_real(var, &counter)) MER_raise(MER_MESSAGE, "_for", "Illegal assignment to loop variable");
             Cell next = down ? MAR_subtract(counter, step) : MAR_binop(counter, step, nullptr, MAR_ADD);
             MMM_release(counter);
             counter = next;
@@ -492,7 +490,7 @@ std::vector<Cell> members(Cell v) {
 Cell stmt_for_in(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) != 3) MER_raise(1004, "_for_in");
+    if (MEV_nargs(e) != 3) MER_raise(MER_WRONG_ARG_COUNT, "_for_in");
     clear_last_value();
     check_loop_variable(MEV_arg(e, 1));
     Cell container = MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_FREE, 0);
@@ -515,12 +513,12 @@ Cell stmt_for_in(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_while(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) != 2) MER_raise(1004, "_while");
+    if (MEV_nargs(e) != 2) MER_raise(MER_WRONG_ARG_COUNT, "_while");
     clear_last_value();
     while (!MEV_control) {
         const int b = MEV_bool(MEV_arg(e, 1));
         if (b == MMM_BOOL_FALSE) break;
-        if (b != MMM_BOOL_TRUE) MER_raise(1043, "_while");
+        if (b != MMM_BOOL_TRUE) MER_raise(MER_UNEXPECTED_UNKNOWN, "_while");
         MEV_exec(MEV_arg(e, 2));
         consume_next();
     }
@@ -531,7 +529,7 @@ Cell stmt_while(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_repeat(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) != 2) MER_raise(1004, "_repeat");
+    if (MEV_nargs(e) != 2) MER_raise(MER_WRONG_ARG_COUNT, "_repeat");
     clear_last_value();
     while (!MEV_control) {
         MEV_exec(MEV_arg(e, 1));
@@ -539,22 +537,22 @@ Cell stmt_repeat(Cell e, int context, unsigned flags, Cell) {
         if (MEV_control) break;
         const int b = MEV_bool(MEV_arg(e, 2));
         if (b == MMM_BOOL_TRUE) break;
-        if (b != MMM_BOOL_FALSE) MER_raise(1043, "_repeat");
+        if (b != MMM_BOOL_FALSE) MER_raise(MER_UNEXPECTED_UNKNOWN, "_repeat");
     }
     leave_loop();
     return closing(context);
 }
 
-Cell stmt_transfer(Cell e, int context, unsigned flags, int control) {
+Cell stmt_transfer(Cell e, int context, unsigned flags, MEV_control_code control) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (MEV_nargs(e) > 1) MER_raise(1004, name_of(e).c_str());
+    if (MEV_nargs(e) > 1) MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
     if (MEV_nargs(e) == 1) {
         // The count is checked; one loop is left whatever it says.
         Cell n = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
         const bool ok = MMM_category(n) == DOM_INT && MAR_small_int(n) != 0;
         MMM_release(n);
-        if (!ok) MER_raise(1013, name_of(e).c_str());
+        if (!ok) MER_raise(MER_INTEGER_EXPECTED, name_of(e).c_str());
     }
     MEV_control = control;
     MEV_control_count = 1;
@@ -563,13 +561,13 @@ Cell stmt_transfer(Cell e, int context, unsigned flags, int control) {
     return MMM_retained(MMM_NULL);
 }
 
-Cell stmt_next(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, 3); }
-Cell stmt_break(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, 4); }
+Cell stmt_next(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, MEV_CONTROL_NEXT); }
+Cell stmt_break(Cell e, int context, unsigned flags, Cell) { return stmt_transfer(e, context, flags, MEV_CONTROL_BREAK); }
 
 Cell stmt_quit(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    MEV_control = 2;
+    MEV_control = MEV_CONTROL_QUIT;
     if (MEV_quit_hook) MEV_quit_hook();
     return closing(context);
 }
@@ -588,7 +586,7 @@ Cell builtin_return(Cell e, int, unsigned, Cell) {
         MMM_children(v)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
         MMM_sign(v);
     }
-    MEV_control = 1;
+    MEV_control = MEV_CONTROL_RETURN;
     set_last_value(v);
     return v;
 }
@@ -598,10 +596,10 @@ Cell stmt_delete(Cell e, int context, unsigned flags, unsigned set_flags) {
     if (opening(e, flags, &out)) return out;
     for (long i = 1; i < MMM_child_count(e); ++i) {
         Cell x = MEV_arg(e, i);
-        if (is_call_of(x, MFN_ID_INDEX)) assign_index(x, nullptr, set_flags);
+        if (MMM_is_call_of(x, MFN_ID_INDEX)) assign_index(x, nullptr, set_flags);
         else if (MMM_category(x) == DOM_IDENT) MMM_release(MMM_set_value(x, nullptr, set_flags | MMM_SET_NIL_DELETES, MMM_current_frame));
         else if (MMM_category(x) == DOM_VAR) assign_variable(x, MMM_NIL, set_flags);
-        else MER_raise(1011, nullptr);
+        else MER_raise(MER_INVALID_LHS, nullptr);
     }
     return closing(context);
 }
@@ -614,9 +612,9 @@ Cell stmt_sysdelete(Cell e, int context, unsigned flags, Cell) {
 Cell stmt_save(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    if (!MEV_frame) MER_raise(1037, nullptr);
+    if (!MEV_frame) MER_raise(MER_NOT_INTERACTIVE, nullptr);
     for (long i = 1; i < MMM_child_count(e); ++i)
-        if (MMM_category(MEV_arg(e, i)) != DOM_IDENT) MER_raise(1005, "_save");
+        if (MMM_category(MEV_arg(e, i)) != DOM_IDENT) MER_raise(MER_ILLEGAL_ARGUMENT, "_save");
     for (long i = 1; i < MMM_child_count(e); ++i) MEV_frame_save(MEV_arg(e, i));
     return closing(context);
 }
@@ -662,19 +660,19 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
 // The values a..b (or a..b step s) of a range.
 std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<Cell>& owned) {
     std::vector<Cell> out;
-    if (!is_call_of(range, MFN_ID_RANGE) || MEV_nargs(range) != 2) MER_raise(1016, nullptr);
+    if (!MMM_is_call_of(range, MFN_ID_RANGE) || MEV_nargs(range) != 2) MER_raise(MER_INCOMPATIBLE_RANGE, nullptr);
     Cell lo = MMM_retained(MEV_arg(range, 1)), hi = MMM_retained(MEV_arg(range, 2));
     if (!is_real(lo) || !is_real(hi)) {
         MMM_release(lo);
         MMM_release(hi);
-        MER_raise(1006, nullptr);
+        MER_raise(MER_REAL_EXPECTED, nullptr);
     }
     Cell step = MMM_retained(step_value ? step_value : MAR_ONE);
     if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) {
         MMM_release(lo);
         MMM_release(hi);
         MMM_release(step);
-        MER_raise(1042, nullptr);
+        MER_raise(MER_POSITIVE_EXPECTED, nullptr);
     }
     for (Cell v = lo; MAR_compare(v, hi) <= 0;) {
         owned.push_back(v);
@@ -684,7 +682,7 @@ std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<Cell>& o
             MMM_release(v);
             break;
         }
-        if (out.size() > 100000000) MER_raise(1300, "_seqgen");
+        if (out.size() > 100000000) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
     }
     MMM_release(hi);
     MMM_release(step);
@@ -718,7 +716,7 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
             if (MMM_category(n) != DOM_INT) {
                 const bool big = MMM_category(n) == CAT_BIG_INT;
                 MMM_release(n);
-                MER_raise(big ? 1029 : 1013, "_seqgen");
+                MER_raise(big ? MER_INTEGER_TOO_LARGE : MER_INTEGER_EXPECTED, "_seqgen");
             }
             const long count = MAR_small_int(n);
             MMM_release(n);
@@ -744,7 +742,7 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
             check_loop_variable(MEV_arg(e, 2));
             result = sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), values);
         } else {
-            MER_raise(1004, name_of(e).c_str());
+            MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
         }
     } catch (...) {
         for (Cell c : owned) MMM_release(c);
@@ -755,7 +753,7 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
 }
 
 Cell builtin_seqin(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) != 3) MER_raise(1004, "_seqin");
+    if (MEV_nargs(e) != 3) MER_raise(MER_WRONG_ARG_COUNT, "_seqin");
     check_loop_variable(MEV_arg(e, 2));
     Cell container = MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
     Cell result;
@@ -864,7 +862,7 @@ int decide_relation(Cell v) {
 // character, tables by key, arrays by their indices; anything else, a key a table lacks,
 // an unset array entry or a symbolic position stays as the call.
 Cell builtin_index(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) < 2) MER_raise(1004, "_index");
+    if (MEV_nargs(e) < 2) MER_raise(MER_WRONG_ARG_COUNT, "_index");
     Cell c = MEV_arg(e, 1);
     const int cat = MMM_category(c);
     if (cat == DOM_TABLE) {
@@ -880,16 +878,16 @@ Cell builtin_index(Cell e, int, unsigned, Cell) {
     auto symbolic = [](Cell x) { return MMM_category(x) == DOM_IDENT || MMM_category(x) == DOM_EXPR; };
     // The position counted from 1, a negative one from the end.
     auto from_end = [&](Cell x) -> long {
-        if (MMM_category(x) != DOM_INT) MER_raise(1023, nullptr);
+        if (MMM_category(x) != DOM_INT) MER_raise(MER_ILLEGAL_INDEX_TYPE, nullptr);
         const long k = MAR_small_int(x);
         return k < 0 ? n + 1 + k : k;
     };
     auto position = [&](Cell x) -> long {
         const long k = from_end(x);
-        if (k < 1 || k > n) MER_raise(1022, nullptr);
+        if (k < 1 || k > n) MER_raise(MER_INDEX_OUT_OF_RANGE, nullptr);
         return k;
     };
-    if (is_call_of(i, MFN_ID_RANGE) && MEV_nargs(i) == 2) {
+    if (MMM_is_call_of(i, MFN_ID_RANGE) && MEV_nargs(i) == 2) {
         if (symbolic(MEV_arg(i, 1)) || symbolic(MEV_arg(i, 2))) return MMM_retained(e);
         // An empty range is NULL wherever it lies; the bounds of another must be inside.
         if (from_end(MEV_arg(i, 1)) > from_end(MEV_arg(i, 2))) return MMM_retained(MMM_NULL);
@@ -902,7 +900,7 @@ Cell builtin_index(Cell e, int, unsigned, Cell) {
     }
     if (MMM_category(i) != DOM_INT) {
         if (symbolic(i)) return MMM_retained(e);
-        MER_raise(1023, nullptr);
+        MER_raise(MER_ILLEGAL_INDEX_TYPE, nullptr);
     }
     const long k = position(i);
     if (cat == DOM_STRING) return MMM_make_string(text.substr(size_t(k - 1), 1));

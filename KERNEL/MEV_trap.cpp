@@ -23,7 +23,7 @@ long active_deadline = 0;
 // The limit of one timed traperror, from its start to its end.
 struct TimeLimit {
     long outer = 0;      // the deadline in force before
-    bool own = false;    // this trap's deadline is the nearest, so a 1320 is its own
+    bool own = false;    // this trap's deadline is the nearest, so a time-limit error is its own
     bool timed = false;
 
     void start(long seconds) {
@@ -65,7 +65,7 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
         const bool ok = MMM_is_node(s, DOM_INT) && MAR_small_int(s) > 0;
         if (ok) seconds = MAR_small_int(s);
         MMM_release(s);
-        if (!ok) MER_raise(1005, "traperror");
+        if (!ok) MER_raise(MER_ILLEGAL_ARGUMENT, "traperror");
     }
 
     const int32_t call_depth = MEV_call_depth, depth = MEV_depth;
@@ -96,7 +96,7 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
     if (code) {
         MER_restore(snapshot);
         // A time-out passes a trap without a limit of its own on to the one that set it.
-        MER_pending = code == 1320 && !limit.own ? 1320 : 0;
+        MER_pending = code == MER_TIME_EXCEEDED && !limit.own ? long(MER_TIME_EXCEEDED) : 0;
         MEV_call_depth = call_depth;
         MEV_depth = depth;
         // The activation is an owned reference: the one held since the start goes back.
@@ -109,18 +109,18 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
     MER_free_snapshot(snapshot);
     MER_trapped = trapped;
     MMM_release(frame);
-    if (MER_pending >= 2000) MER_pending = 0;  // a syntax error ends here
+    if (MER_pending >= MER_FIRST_SYNTAX) MER_pending = 0;  // a syntax error ends here
     if (MER_pending > 0) throw MER_exception{MER_pending};
-    if (outer_expired) MER_raise(1320, nullptr);
+    if (outer_expired) MER_raise(MER_TIME_EXCEEDED, nullptr);
     return MAR_from_long(code);
 }
 
 // The message of error() and warning(): one string, cut to 297 bytes and "..." beyond
 // 300, with the running procedure's name in brackets.
 std::string message_of(Cell e, const char* name) {
-    if (MEV_nargs(e) != 1) MER_raise(1004, name);
+    if (MEV_nargs(e) != 1) MER_raise(MER_WRONG_ARG_COUNT, name);
     Cell m = MMM_child(e, 1);
-    if (!MMM_is_node(m, DOM_STRING)) MER_raise(1005, name);
+    if (!MMM_is_node(m, DOM_STRING)) MER_raise(MER_ILLEGAL_ARGUMENT, name);
     std::string text(MMM_string_view(MMM_child(m, 0)));
     if (text.size() > 300) text = text.substr(0, 297) + "...";
     std::string procedure;
@@ -128,24 +128,24 @@ std::string message_of(Cell e, const char* name) {
     return text;
 }
 
-Cell builtin_error(Cell e, int, unsigned, Cell) { MER_raise(1028, message_of(e, "error").c_str()); }
+Cell builtin_error(Cell e, int, unsigned, Cell) { MER_raise(MER_USER_ERROR, message_of(e, "error").c_str()); }
 
 Cell builtin_warning(Cell e, int, unsigned, Cell) {
-    MER_warn(-1005, message_of(e, "warning").c_str());
+    MER_warn(MER_WARN_USER, message_of(e, "warning").c_str());
     return MMM_retained(MMM_NULL);
 }
 
 // lasterror(): the last error once more, and the computation stops. Before any error
 // there is nothing to repeat, and the call gives NULL.
 Cell builtin_lasterror(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) != 0) MER_raise(1004, "lasterror");
+    if (MEV_nargs(e) != 0) MER_raise(MER_WRONG_ARG_COUNT, "lasterror");
     if (!MER_last) return MMM_retained(MMM_NULL);
-    MER_raise(1400, nullptr);
+    MER_raise(MER_REPEAT_LAST, nullptr);
 }
 
 // getlasterror(): [number, message] of the last error; [0, ""] before any.
 Cell builtin_getlasterror(Cell e, int, unsigned, Cell) {
-    if (MEV_nargs(e) != 0) MER_raise(1004, "getlasterror");
+    if (MEV_nargs(e) != 0) MER_raise(MER_WRONG_ARG_COUNT, "getlasterror");
     Cell number = MAR_from_long(MER_last);
     Cell text = MMM_make_string(MER_last_text);
     Cell l = MMM_make_list(2);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "MER_codes.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
@@ -99,7 +100,7 @@ int continuation(MLX_source& r) {
                 if (!r.errors && !r.aborted) r.incomplete = true;
                 return -1;
             }
-            if (c != ' ' && c != '\t' && c != '\r') r.report(2009);
+            if (c != ' ' && c != '\t' && c != '\r') r.report(MER_CHARACTER_AFTER_BACKSLASH);
             c = MLX_next_char(r, false);
         }
         c = MLX_next_char(r, false);
@@ -109,7 +110,7 @@ int continuation(MLX_source& r) {
 
 void end_of_input_in(MLX_source& r, const char* what) {
     if (!r.errors && !r.aborted) r.incomplete = true;
-    r.report(2000, what);
+    r.report(MER_UNEXPECTED_END, what);
 }
 
 bool scan_comment(MLX_source& r) {
@@ -304,7 +305,7 @@ void scan_string(MLX_source& r) {
             if (d == '\n') break;
             text += '\r';
             MLX_unread(r, d);
-            r.report(-2001, '\r');
+            r.report(MER_WARN_UNKNOWN_ESCAPE, '\r');
             break;
         }
         case -1:
@@ -315,7 +316,7 @@ void scan_string(MLX_source& r) {
             return;
         default:
             text += char(c);
-            r.report(-2001, c);
+            r.report(MER_WARN_UNKNOWN_ESCAPE, c);
         }
     }
     r.tok.kind = TK_STRING;
@@ -592,7 +593,7 @@ void MLX_scan_token(MLX_source& r) {
             return;
         }
         if (scan_operator(r, c)) return;
-        r.report(2002, c);
+        r.report(MER_ILLEGAL_CHARACTER, c);
     }
 }
 

@@ -40,17 +40,17 @@ void MMM_set_insert(Cell* table, Cell x) {
 }
 
 Cell MMM_make_array(std::span<const MMM_array_bound> bounds) {
-    if (bounds.empty()) MER_raise(1005, "array");
+    if (bounds.empty()) MER_raise(MER_ILLEGAL_ARGUMENT, "array");
     long size = 1;
     for (const MMM_array_bound& b : bounds) {
         const long extent = long(b.upper) - long(b.lower) + 1;
         if (extent < 1 || extent > MMM_ARRAY_MAX_ENTRIES || size > MMM_ARRAY_MAX_ENTRIES / extent)
-            MER_raise(1005, "array");
+            MER_raise(MER_ILLEGAL_ARGUMENT, "array");
         size *= extent;
     }
     const long words = 1 + 2 * long(bounds.size());
     Cell dims = MMM_new(MMM_ARRAY_DIM, 4 * words, 0);
-    if (!dims) MER_raise(1300, nullptr);
+    if (!dims) MER_raise(MER_OUT_OF_MEMORY, nullptr);
     const auto d = int32_t(bounds.size());
     std::memcpy(dims->data, &d, 4);
     for (size_t k = 0; k < bounds.size(); ++k) {
@@ -95,7 +95,7 @@ void MMM_array_set(Cell* array, long offset, Cell value) {
     MMM_clone(array);
     Cell& entries = MMM_children(*array)[0];
     MMM_clone(&entries);
-    if ((*array)->refcount != 1 || entries->refcount != 1) MER_raise(1300, nullptr);
+    if ((*array)->refcount != 1 || entries->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
     Cell& slot = MMM_children(entries)[offset];
     MMM_retain(value);
     MMM_release(slot);

@@ -236,15 +236,15 @@ void check_protection(Cell ident, Cell value, unsigned flags, Cell frame) {
     const std::string name(MMM_ident_text(ident));
     switch (level) {
     case MMM_PROTECT_WARNING:
-        if (!(flags & MMM_SET_PRIVILEGED)) MER_write(-1005, "\nWarning: protected variable " + name + " overwritten\n");
+        if (!(flags & MMM_SET_PRIVILEGED)) MER_write(MER_WARN_USER, "\nWarning: protected variable " + name + " overwritten\n");
         break;
     case MMM_PROTECT_ERROR:
-        if (!(flags & MMM_SET_PRIVILEGED)) MER_raise(1046, action, name.c_str());
+        if (!(flags & MMM_SET_PRIVILEGED)) MER_raise(MER_PROTECTED, action, name.c_str());
         break;
     case MMM_PROTECT_USER:
         if (!(flags & MMM_SET_PRIVILEGED) && MMM_user_protection_hook) MMM_user_protection_hook(ident);
         break;
-    default: MER_raise(1046, action, name.c_str());  // the kernel's own names never change
+    default: MER_raise(MER_PROTECTED, action, name.c_str());  // the kernel's own names never change
     }
 }
 
@@ -256,7 +256,7 @@ Cell store_value(Cell ident, Cell value, Cell frame) {
         // A frame held by an identifier cannot be deleted while it is in use.
         if (binding && binding_value(binding) && MMM_is_node(binding_value(binding), DOM_FRAME) &&
             is_ancestor_or_self(binding_value(binding), MMM_current_frame))
-            MER_raise(1070, nullptr);
+            MER_raise(MER_FRAME_IN_USE, nullptr);
     }
     if (!binding) binding = MMM_binding_make(ident, frame);
     Cell old = nullptr;
@@ -420,7 +420,7 @@ void MMM_frame_add_child(Cell parent, Cell child) {
     if (used == capacity) {
         const uint32_t serial = body->signature;
         MMM_resize_data(&body, body->size + 4 * long(FRAME_SLOT_STEP));
-        if (body->size < long(4 * (2 + capacity + FRAME_SLOT_STEP))) MER_raise(1300, nullptr);
+        if (body->size < long(4 * (2 + capacity + FRAME_SLOT_STEP))) MER_raise(MER_OUT_OF_MEMORY, nullptr);
         body->signature = serial;
         set_frame_word(body, 1, capacity + FRAME_SLOT_STEP);
     }

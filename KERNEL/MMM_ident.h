@@ -48,6 +48,11 @@ Cell MMM_ident_exists(Cell name_string);  // borrowed, or nullptr
 extern Cell* MMM_ident_ids;
 extern int MMM_ident_id_count;
 inline Cell MMM_ident_by_id(int id) { return id > 0 && id < MMM_ident_id_count ? MMM_ident_ids[id] : nullptr; }
+// True when c is an expression whose operator is the identifier of built-in `id`; c may
+// be null.
+inline bool MMM_is_call_of(Cell c, int id) {
+    return c && MMM_is_node(c, DOM_EXPR) && MMM_child_count(c) >= 1 && MMM_child(c, 0) == MMM_ident_by_id(id);
+}
 // Makes the table of `count` ids: the identifier of names[id] at each id whose name is
 // not empty; the operators below `operator_limit` carry their id (MMM_operator_id).
 void MMM_ident_set_ids(int count, const char* (*name_of)(int id), int operator_limit);

@@ -44,12 +44,12 @@ inline bool is_table(Cell t) {
 }
 
 void check_table(Cell t, const char* who) {
-    if (!is_table(t)) MER_raise(1103, who);
+    if (!is_table(t)) MER_raise(MER_INTERNAL, who);
 }
 
 Cell new_cleared(unsigned kind, long bytes, long children) {
     Cell c = MMM_new_cleared(kind, bytes, children);
-    if (!c) MER_raise(1300, nullptr);
+    if (!c) MER_raise(MER_OUT_OF_MEMORY, nullptr);
     return c;
 }
 
@@ -112,11 +112,11 @@ void store_pair(Cell* holder, long step, Cell key, Cell value) {
     long place;
     if (n == 0 || MMM_child(*holder, n - 2)) {
         MMM_resize_children(holder, n + step);
-        if (MMM_child_count(*holder) != n + step) MER_raise(1300, nullptr);
+        if (MMM_child_count(*holder) != n + step) MER_raise(MER_OUT_OF_MEMORY, nullptr);
         place = n;
     } else {
         MMM_clone(holder);
-        if ((*holder)->refcount != 1) MER_raise(1300, nullptr);
+        if ((*holder)->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
         Cell* s = MMM_children(*holder);
         place = n - 2;
         while (place >= 2 && !s[place - 2]) place -= 2;
@@ -169,7 +169,7 @@ void unshare(Cell* tp) {
         }
     }
     MMM_clone(tp);
-    if ((*tp)->refcount != 1) MER_raise(1300, nullptr);
+    if ((*tp)->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
 }
 
 // Removes the entry at `w` of an exclusively held table.
@@ -177,7 +177,7 @@ void remove_at(Cell* tp, const Where& w) {
     Cell* holder = holder_of(tp, w);
     if (w.bucket >= 0) {
         MMM_clone(holder);
-        if ((*holder)->refcount != 1) MER_raise(1300, nullptr);
+        if ((*holder)->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
     }
     Cell c = *holder;
     Cell* s = MMM_children(c);
@@ -218,7 +218,7 @@ long compact(Cell* holder, bool is_bucket, MMM_table_test test, void* arg) {
         }
         if (!dropped && is_bucket) {
             MMM_clone(holder);
-            if ((*holder)->refcount != 1) MER_raise(1300, nullptr);
+            if ((*holder)->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
             s = MMM_children(*holder);
         }
         ++dropped;
@@ -304,7 +304,7 @@ Cell MMM_table_make_key(Cell expr, int mode) {
         return expr;
     }
     if ((mode != 1 && mode != 2) || !expr || !MMM_is_node(expr, DOM_EXPR))
-        MER_raise(1103, "MMM_table_make_key");
+        MER_raise(MER_INTERNAL, "MMM_table_make_key");
     const long n = MMM_child_count(expr) - mode;
     Cell key;
     if (n <= 0) {
@@ -312,7 +312,7 @@ Cell MMM_table_make_key(Cell expr, int mode) {
     } else if (n == 1) {
         key = MMM_child(expr, mode);
     } else {
-        if (!sequence_operator) MER_raise(1103, "MMM_table_make_key");
+        if (!sequence_operator) MER_raise(MER_INTERNAL, "MMM_table_make_key");
         Cell seq = MMM_make_expr(n + 1);
         Cell* s = MMM_children(seq);
         s[0] = sequence_operator;
@@ -330,7 +330,7 @@ Cell MMM_table_make_key(Cell expr, int mode) {
 
 bool MMM_table_lookup(Cell table, Cell key, int mode, Cell* value) {
     if (mode == 0) return MMM_table_find(table, key, value);
-    if ((mode != 1 && mode != 2) || !key || !MMM_is_node(key, DOM_EXPR)) MER_raise(1103, "MMM_table_lookup");
+    if ((mode != 1 && mode != 2) || !key || !MMM_is_node(key, DOM_EXPR)) MER_raise(MER_INTERNAL, "MMM_table_lookup");
     const long n = MMM_child_count(key) - mode;
     if (n <= 0) return MMM_table_find(table, MMM_NULL, value);
     if (n == 1) return MMM_table_find(table, MMM_child(key, mode), value);
@@ -349,7 +349,7 @@ void MMM_table_set_sequence_operator(Cell op) {
 }
 
 void MMM_table_add(Cell* t, Cell key, Cell value) {
-    if (!t || !key) MER_raise(1103, "MMM_table_add");
+    if (!t || !key) MER_raise(MER_INTERNAL, "MMM_table_add");
     check_table(*t, "MMM_table_add");
     unshare(t);
     const long count = count_of(*t);
@@ -366,7 +366,7 @@ void MMM_table_add(Cell* t, Cell key, Cell value) {
 }
 
 bool MMM_table_set(Cell* t, Cell key, Cell value) {
-    if (!t || !key) MER_raise(1103, "MMM_table_set");
+    if (!t || !key) MER_raise(MER_INTERNAL, "MMM_table_set");
     check_table(*t, "MMM_table_set");
     unshare(t);
     const Where w = locate(*t, key);
@@ -376,7 +376,7 @@ bool MMM_table_set(Cell* t, Cell key, Cell value) {
     }
     Cell* holder = holder_of(t, w);
     MMM_clone(holder);
-    if ((*holder)->refcount != 1) MER_raise(1300, nullptr);
+    if ((*holder)->refcount != 1) MER_raise(MER_OUT_OF_MEMORY, nullptr);
     Cell* s = MMM_children(*holder);
     MMM_retain(value);
     MMM_release(s[w.slot + 1]);
@@ -385,7 +385,7 @@ bool MMM_table_set(Cell* t, Cell key, Cell value) {
 }
 
 bool MMM_table_remove(Cell* t, Cell key) {
-    if (!t) MER_raise(1103, "MMM_table_remove");
+    if (!t) MER_raise(MER_INTERNAL, "MMM_table_remove");
     check_table(*t, "MMM_table_remove");
     if (!key || locate(*t, key).slot < 0) return false;
     unshare(t);
@@ -394,7 +394,7 @@ bool MMM_table_remove(Cell* t, Cell key) {
 }
 
 long MMM_table_filter(Cell* t, MMM_table_test test, void* arg) {
-    if (!t || !test) MER_raise(1103, "MMM_table_filter");
+    if (!t || !test) MER_raise(MER_INTERNAL, "MMM_table_filter");
     check_table(*t, "MMM_table_filter");
     Cell table = *t;
     long dropped = 0;

@@ -109,7 +109,7 @@ Cell MMM_make_bool(int stored) {
              : stored == MMM_BOOL_FALSE   ? MMM_FALSE
              : stored == MMM_BOOL_UNKNOWN ? MMM_UNKNOWN
                                           : nullptr;
-    if (!c) MER_raise(1103, nullptr);
+    if (!c) MER_raise(MER_INTERNAL, nullptr);
     MMM_retain(c);
     return c;
 }

@@ -100,7 +100,7 @@ Cell sequence_of(std::span<const Cell> values) {
 }  // namespace
 
 void MOU_set_textwidth(long width) {
-    if (width < MOU_MIN_TEXTWIDTH) MER_raise(1012, "TEXTWIDTH");
+    if (width < MOU_MIN_TEXTWIDTH) MER_raise(MER_ARG_OUT_OF_RANGE, "TEXTWIDTH");
     MOU_textwidth = width;
 }
 

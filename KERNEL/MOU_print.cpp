@@ -73,8 +73,6 @@ bool is_number(Cell c) {
 long nops(Cell e) { return MMM_child_count(e) - 1; }
 Cell operand(Cell e, long i) { return MMM_child(e, i); }
 
-bool is_call_of(Cell t, int id) { return is_expr(t) && MMM_child(t, 0) == MMM_ident_by_id(id); }
-
 std::string_view string_text(Cell s) {
     if (is_cat(s, DOM_STRING) && MMM_child_count(s) == 1 && MMM_kind_of(MMM_child(s, 0)) == MMM_STRING)
         return MMM_string_view(MMM_child(s, 0));
@@ -259,14 +257,14 @@ bool is_negative(Cell x, int depth = 0) {
     if (!is_node(x) || depth > SIGN_DEPTH) return false;
     if (is_number(x)) return MOU_number_negative(x);
     if (!is_expr(x)) return false;
-    if (is_call_of(x, MFN_ID_NEGATE)) return nops(x) == 1;
-    if (is_call_of(x, MFN_ID_PLUS)) {
+    if (MMM_is_call_of(x, MFN_ID_NEGATE)) return nops(x) == 1;
+    if (MMM_is_call_of(x, MFN_ID_PLUS)) {
         if (nops(x) < 1) return false;
         for (long i = 1; i <= nops(x); ++i)
             if (!is_negative(operand(x, i), depth + 1)) return false;
         return true;
     }
-    if (is_call_of(x, MFN_ID_MULT)) {
+    if (MMM_is_call_of(x, MFN_ID_MULT)) {
         const long k = sign_factor(x);
         return k && MOU_number_negative(operand(x, k));
     }
@@ -285,8 +283,8 @@ Cell rebuild(Cell e, const std::vector<Cell>& ops) {
 // The negation of a value for which is_negative holds (new reference).
 Cell negated(Cell x) {
     if (is_number(x)) return MAR_negate(x);
-    if (is_call_of(x, MFN_ID_NEGATE)) return MMM_retained(operand(x, 1));
-    if (is_call_of(x, MFN_ID_PLUS)) {
+    if (MMM_is_call_of(x, MFN_ID_NEGATE)) return MMM_retained(operand(x, 1));
+    if (MMM_is_call_of(x, MFN_ID_PLUS)) {
         std::vector<Cell> ops;
         for (long i = 1; i <= nops(x); ++i) ops.push_back(negated(operand(x, i)));
         Cell r = rebuild(x, ops);
@@ -307,7 +305,7 @@ Cell negated(Cell x) {
 
 // A power with a negative number as exponent prints as a reciprocal.
 bool is_inverted(Cell x) {
-    return is_call_of(x, MFN_ID_POWER) && nops(x) == 2 && is_number(operand(x, 2)) && is_negative(operand(x, 2));
+    return MMM_is_call_of(x, MFN_ID_POWER) && nops(x) == 2 && is_number(operand(x, 2)) && is_negative(operand(x, 2));
 }
 
 Cell reciprocal(Cell x) {
@@ -549,7 +547,7 @@ struct ScopePush {
 std::vector<Cell> items_of(Cell list) {
     std::vector<Cell> out;
     if (!list || list == MMM_NIL) return out;
-    if (is_call_of(list, MFN_ID_EXPRSEQ)) {
+    if (MMM_is_call_of(list, MFN_ID_EXPRSEQ)) {
         for (long i = 1; i <= nops(list); ++i) out.push_back(operand(list, i));
     } else {
         out.push_back(list);
@@ -563,7 +561,7 @@ Cell entry_of(Cell field, size_t k, size_t n) {
     Cell e = nullptr;
     if (!field || field == MMM_NIL) return nullptr;
     if (n == 1) e = field;
-    else if (is_call_of(field, MFN_ID_EXPRSEQ) && size_t(nops(field)) == n) e = operand(field, long(k) + 1);
+    else if (MMM_is_call_of(field, MFN_ID_EXPRSEQ) && size_t(nops(field)) == n) e = operand(field, long(k) + 1);
     return e == MMM_NIL ? nullptr : e;
 }
 
@@ -685,7 +683,7 @@ void print_procedure(const ProcFields& f, int context) {
         MOU_line(0, true);
         MOU_put_text("name");
         // `name;` gives the empty sequence.
-        if (!(is_call_of(f.name, MFN_ID_EXPRSEQ) && nops(f.name) == 0)) {
+        if (!(MMM_is_call_of(f.name, MFN_ID_EXPRSEQ) && nops(f.name) == 0)) {
             MOU_put_char(' ');
             print_child(f.name, 0, nullptr);
         }
@@ -822,7 +820,7 @@ Cell ordered_sum(Cell e) {
             Owned sorter(MMM_value(ident));
             if (sorter.c) {
                 Cell r = MOU_hooks.call(sorter.c, e);
-                if (is_call_of(r, MFN_ID_PLUS) && nops(r) >= 2) return r;
+                if (MMM_is_call_of(r, MFN_ID_PLUS) && nops(r) >= 2) return r;
                 MMM_release(r);
             }
         }
@@ -941,7 +939,7 @@ bool MOU_plain_name(std::string_view name) {
 void MOU_print(Cell* ref, int context, Cell separator) {
     if (++MOU_depth > MOU_max_depth || MSY_stack_nearly_full()) {
         MOU_depth = 0;
-        MER_raise(1302, nullptr);
+        MER_raise(MER_OUTPUT_RECURSION, nullptr);
     }
     struct Leave {
         ~Leave() {
@@ -991,7 +989,7 @@ void MOU_print_call(Cell* ref, int context, Cell sep) {
         return;
     }
     Cell head = MMM_child(e, 0);
-    if (is_call_of(e, MFN_ID_PROCDEF) && nops(e) >= 4) {
+    if (MMM_is_call_of(e, MFN_ID_PROCDEF) && nops(e) >= 4) {
         write_separator(sep);
         print_procdef_tree(e, context);
         return;
@@ -1189,7 +1187,7 @@ void print_slot(Cell* ref, int context, Cell sep) {
     write_separator(sep);
     Cell left = operand(e, 1);
     // Only a name or another slot can stand before `::` as it is.
-    const bool bare = is_cat(left, DOM_IDENT) || is_call_of(left, MFN_ID_SLOT);
+    const bool bare = is_cat(left, DOM_IDENT) || MMM_is_call_of(left, MFN_ID_SLOT);
     open_paren(!bare);
     print_child(left, bare ? 2000 : 0, nullptr);
     close_paren(!bare);

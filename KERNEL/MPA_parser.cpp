@@ -61,10 +61,6 @@ Cell call_named(const char* name, const std::vector<Cell>& operands) {
 
 Cell nil() { return MMM_retained(MMM_NIL); }
 
-bool is_call_of(Cell t, int id) {
-    return t && MMM_is_node(t, DOM_EXPR) && MMM_child_count(t) >= 1 && MMM_child(t, 0) == MMM_ident_by_id(id);
-}
-
 bool is_number(Cell t) {
     if (!t || MMM_kind_of(t) != MMM_NODE) return false;
     const int c = MMM_category(t);
@@ -82,7 +78,7 @@ Cell list_or_single(std::vector<Cell> items) {
 std::vector<Cell> items_of(Cell list) {
     std::vector<Cell> out;
     if (!list || list == MMM_NIL) return out;
-    if (is_call_of(list, MFN_ID_EXPRSEQ)) {
+    if (MMM_is_call_of(list, MFN_ID_EXPRSEQ)) {
         for (long i = 1; i < MMM_child_count(list); ++i) out.push_back(MMM_child(list, i));
     } else {
         out.push_back(list);
@@ -150,7 +146,7 @@ private:
     };
     void check_depth() {
         if (r_.depth_guard <= MAX_NESTING && !MSY_stack_nearly_full()) return;
-        r_.report(2003, MLX_token_name(kind()).c_str());
+        r_.report(MER_UNEXPECTED_TOKEN, MLX_token_name(kind()).c_str());
         // Nothing sensible can follow: give up the rest of the input.
         r_.aborted = true;
         while (!at(TK_EOF)) advance();
@@ -303,7 +299,7 @@ Cell Parser::statement(int& level, bool& assignable) {
         left = sequence(level, assignable);
     }
     if (at(TK_ASSIGN)) {
-        if (!assignable) r_.report(2005);
+        if (!assignable) r_.report(MER_INVALID_ASSIGNMENT);
         advance();
         int l = 0;
         bool a = false;
@@ -360,13 +356,13 @@ Cell Parser::arrow_procedure(Cell params, int& level) {
             ok = false;
         }
     };
-    if (is_call_of(params, MFN_ID_EXPRSEQ)) {
+    if (MMM_is_call_of(params, MFN_ID_EXPRSEQ)) {
         for (long i = 1; i < MMM_child_count(params); ++i) take(MMM_child(params, i));
     } else if (params != MMM_NULL) {
         take(params);
     }
     MMM_release(params);
-    if (!ok) r_.report(2004, "identifier");
+    if (!ok) r_.report(MER_TOKEN_EXPECTED, "identifier");
     advance();
     if (!ok) {
         for (Cell n : names) MMM_release(n);
@@ -739,7 +735,7 @@ Cell Parser::eval_condition(Cell cond) {
         v = nullptr;
     }
     if (v != MMM_TRUE && v != MMM_FALSE) {
-        r_.report(1003);
+        r_.report(MER_NOT_BOOLEAN);
         MMM_release(v);
         return MMM_retained(MMM_FALSE);
     }
@@ -908,7 +904,7 @@ Cell Parser::proc_rule(int& level) {
         if (!MPA_warn_changes) return;
         const std::string_view n = MMM_ident_text(id);
         for (const char* f : former_environment_names)
-            if (n == f) r_.report(-2002, f);
+            if (n == f) r_.report(MER_WARN_ENV_AS_LOCAL, f);
     };
     auto header_expr = [&]() {
         int l = 0;
@@ -971,7 +967,7 @@ Cell Parser::proc_rule(int& level) {
                     const std::string_view t = MMM_ident_text(o);
                     if (t != "hold" && t != "remember" && t != "arrow" && t != "escape" && t != "noDebug" &&
                         t != "noExpose") {
-                        r_.report(2006, std::string(t).c_str());
+                        r_.report(MER_UNKNOWN_PROC_OPTION, std::string(t).c_str());
                     }
                     advance();
                     options.push_back(o);
@@ -1001,7 +997,7 @@ Cell Parser::proc_rule(int& level) {
                 r_.no_locals = no_locals;
                 MPA_warn_changes = warn;
                 if (name) {
-                    r_.report(2007);
+                    r_.report(MER_MULTIPLE_PROC_NAMES);
                     MMM_release(name);
                 }
                 name = n;
@@ -1067,7 +1063,7 @@ Cell Parser::constructor_rule(int& level) {
         }
         r_.no_locals = no_locals;
         MPA_warn_changes = warn;
-        if (!assignable) r_.report(2005);
+        if (!assignable) r_.report(MER_INVALID_ASSIGNMENT);
         if (accept('(')) {
             parens = true;
             Follow g(r_, {')', ','});
@@ -1096,19 +1092,19 @@ Cell Parser::constructor_rule(int& level) {
                     advance();
                 } while (accept(','));
             } else if (at(TK_INHERITS)) {
-                if (which != TK_DOMAIN) r_.report(2003, "inherits");
+                if (which != TK_DOMAIN) r_.report(MER_UNEXPECTED_TOKEN, "inherits");
                 advance();
                 int l2 = 0;
                 bool a = false;
                 Cell x = statement(l2, a);
                 if (inherited) {
-                    r_.report(2008);
+                    r_.report(MER_MULTIPLE_INHERITED);
                     MMM_release(inherited);
                 }
                 inherited = x;
             } else if (at(TK_CATEGORY) || at(TK_AXIOM)) {
                 const bool is_category = at(TK_CATEGORY);
-                if (which == TK_AXIOM) r_.report(2003, is_category ? "category" : "axiom");
+                if (which == TK_AXIOM) r_.report(MER_UNEXPECTED_TOKEN, is_category ? "category" : "axiom");
                 advance();
                 int l2 = 0;
                 bool a = false;
@@ -1116,7 +1112,7 @@ Cell Parser::constructor_rule(int& level) {
                 for (Cell c : items_of(x)) (is_category ? categories : axioms).push_back(MMM_retained(c));
                 MMM_release(x);
             } else if (at(TK_IDENT)) {
-                if (which == TK_AXIOM) r_.report(2003, "identifier");
+                if (which == TK_AXIOM) r_.report(MER_UNEXPECTED_TOKEN, "identifier");
                 Cell entry = MMM_make_string(MMM_ident_text(r_.tok.value));
                 advance();
                 if (accept(TK_ASSIGN)) {
@@ -1254,7 +1250,7 @@ Cell Parser::primary(int& level, bool& assignable) {
         advance();
         if (at(TK_INTEGER) || at(TK_FLOAT_DOT)) {
             tree = number_token(true);
-            if (at(TK_SCOPE)) r_.report(2003, "::");
+            if (at(TK_SCOPE)) r_.report(MER_UNEXPECTED_TOKEN, "::");
             scoped = true;
         } else if (at(TK_SCOPE)) {
             tree = frame_path(call(MFN_ID_FRAME, {}));

@@ -36,14 +36,14 @@ int MPA_reader::next_token() {
 void MPA_reader::syntax_error(int expected) {
     if (tok.kind == TK_EOF && !errors && !aborted) incomplete = true;
     if (expected < 0) {
-        report(2001);
+        report(MER_END_EXPECTED);
         return;
     }
     if (expected == 0) {
-        report(2003, MLX_token_name(tok.kind).c_str());
+        report(MER_UNEXPECTED_TOKEN, MLX_token_name(tok.kind).c_str());
         return;
     }
-    report(2004, MLX_token_name(expected).c_str());
+    report(MER_TOKEN_EXPECTED, MLX_token_name(expected).c_str());
     // Insert the wanted token: the current one waits in the lookahead.
     MMM_release(ahead.value);
     ahead = tok;

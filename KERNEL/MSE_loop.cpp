@@ -219,7 +219,7 @@ void MSE_print_result(Cell value) {
 
 void MSE_read_file(const std::string& path) {
     std::string text;
-    if (!read_whole_file(path, text)) MER_raise(1021, nullptr, path.c_str());
+    if (!read_whole_file(path, text)) MER_raise(MER_CANNOT_READ_FILE, nullptr, path.c_str());
     const std::string outer = MSE_session.current_read_file;
     MSE_session.current_read_file = path;
     try {
@@ -286,7 +286,7 @@ void MSE_read_init_files(int file_count, char** files) {
         const long code = run_batch_source(files[i], nullptr);
         if (!code) continue;
         failed = true;
-        if (code == 1320 || code == 1102) break;
+        if (code == MER_TIME_EXCEEDED || code == MER_ABORTED) break;
     }
     s.interrupts_deferred = true;
 

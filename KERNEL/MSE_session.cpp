@@ -48,10 +48,10 @@ bool batch_to_file() { return !MSE_session.batch_output.empty() && MSE_session.b
 
 void fatal_out_of_memory() { MSE_fatal("Out of memory."); }
 
-// A finished report on its channel: 1014 on the system's error stream, errors and
+// A finished report on its channel: MER_SYSTEM_FAILURE on the system's error stream, errors and
 // warnings on their output channels, in pieces of at most a channel's buffer.
 void write_report(long number, std::string_view text) {
-    if (number == 1014) {
+    if (number == MER_SYSTEM_FAILURE) {
         FILE* out = MSE_session.std_err ? MSE_session.std_err : stderr;
         std::fwrite(text.data(), 1, text.size(), out);
         std::fflush(out);
@@ -75,19 +75,19 @@ bool reading_file(std::string& name) {
 // Allocation failure in a live session is a raisable error; a failure while that error
 // is being recovered from ends the process.
 void raise_out_of_memory() {
-    if (MER_pending == 1300) MSE_fatal("Out of memory.");
-    MER_raise(1300, nullptr);
+    if (MER_pending == MER_OUT_OF_MEMORY) MSE_fatal("Out of memory.");
+    MER_raise(MER_OUT_OF_MEMORY, nullptr);
 }
 
 void new_handler_live() {
-    if (MER_pending == 1300 || !MSE_session.modules_up) fatal_out_of_memory();
-    MER_raise(1300, nullptr);
+    if (MER_pending == MER_OUT_OF_MEMORY || !MSE_session.modules_up) fatal_out_of_memory();
+    MER_raise(MER_OUT_OF_MEMORY, nullptr);
 }
 
 // An error that reaches the outermost guard ends the process.
 [[noreturn]] void outermost(long code) {
-    if (code == 1300) MSE_fatal("Out of memory.");
-    if (code == 1102) MSE_fatal("User interrupt.");
+    if (code == MER_OUT_OF_MEMORY) MSE_fatal("Out of memory.");
+    if (code == MER_ABORTED) MSE_fatal("User interrupt.");
     char text[64];
     std::snprintf(text, sizeof text, "Internal error [%ld].", code);
     MSE_fatal(text);
@@ -241,12 +241,12 @@ void MSE_poll() {
     }
     if (MSY_interrupt_pending && !MSE_session.interrupts_deferred) {
         MSY_interrupt_pending = 0;
-        MER_raise(1102, nullptr);
+        MER_raise(MER_ABORTED, nullptr);
     }
     // The time limit of a traperror: its timer only set the flag.
     if (MSY_time_limit_expired()) {
         MSY_time_limit_cancel();
-        MER_raise(1320, nullptr);
+        MER_raise(MER_TIME_EXCEEDED, nullptr);
     }
 }
 
@@ -281,12 +281,12 @@ void MSE_tick() {
         if (MSE_limits.maxmem &&
             MMM_reserved_bytes() + uint64_t(MAR_stack_size()) >= MSE_limits.maxmem) {
             --tick_nesting;
-            MER_raise(1044, "watchdog-memory");
+            MER_raise(MER_WATCHDOG_RESET, "watchdog-memory");
         }
         if (MSE_limits.maxtime &&
             MSY_monotonic_ms() >= MSE_limits.command_start_ms + MSE_limits.maxtime * 1000) {
             --tick_nesting;
-            MER_raise(1044, "watchdog-time");
+            MER_raise(MER_WATCHDOG_RESET, "watchdog-time");
         }
         MSE_poll();
         if (MSE_limits.callback) MSE_limits.callback();
@@ -317,13 +317,13 @@ void MSE_recover(bool clear_error) {
     // 1014 ends the session; otherwise the evaluator's depths and frame are cleared and
     // the PARI stack reset. After 1300 the heap is swept, and only then is the error
     // reported: memory is back only after the sweep.
-    if (MER_pending == 1014) MSE_stop(1, true);
+    if (MER_pending == MER_SYSTEM_FAILURE) MSE_stop(1, true);
     if (MSE_frontend.reset_evaluator) MSE_frontend.reset_evaluator();
     MAR_reset_stack();
-    if (MER_pending == 1300) {
+    if (MER_pending == MER_OUT_OF_MEMORY) {
         MMM_mark_all();
         MMM_sweep();
-        MER_warn(1300, nullptr);
+        MER_warn(MER_OUT_OF_MEMORY, nullptr);
     }
     if (clear_error) MER_pending = 0;
 }
