@@ -9,6 +9,7 @@
 #include "MAR_pari.h"
 #include "MER_error.h"
 #include "MAR_functions.h"
+#include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
@@ -26,7 +27,7 @@ bool is_integer(Cell c) { return MMM_category(c) == DOM_INT || MMM_category(c) =
 Cell front_1000(Cell e, int context, unsigned flags, Cell exec) {
     Cell x = MMM_child(e, 1);
     if (!MAR_is_number(x)) return MMM_retained(e);
-    Cell numeric = MMM_child(exec, 1);
+    Cell numeric = MMM_child(exec, MFN_EXEC_NUMERIC);
     if (numeric == MMM_NIL || !MMM_code_routine(numeric)) return MMM_retained(e);
     return MMM_code_routine(numeric)(e, context, flags, exec);
 }

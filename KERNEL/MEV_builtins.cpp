@@ -8,6 +8,7 @@
 #include "MER_error.h"
 #include "MEV_eval.h"
 #include "MFN_env.h"
+#include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_values.h"
@@ -23,10 +24,10 @@ Cell builtin_funcenv(Cell e, int, unsigned, Cell) {
     if (MMM_category(MEV_arg(e, 1)) == DOM_FUNC_ENV) return MMM_retained(MEV_arg(e, 1));
     Cell table = MEV_nargs(e) == 3 ? MEV_arg(e, 3) : MMM_NIL;
     if (table != MMM_NIL && MMM_category(table) != DOM_TABLE) MER_raise(MER_ILLEGAL_OPERAND, name_of(e));
-    Cell env = MMM_new_node(DOM_FUNC_ENV, 3);
-    MMM_children(env)[0] = MMM_retained(MEV_arg(e, 1));
-    MMM_children(env)[1] = MMM_retained(MEV_nargs(e) >= 2 ? MEV_arg(e, 2) : MMM_NIL);
-    MMM_children(env)[2] = MMM_retained(table);
+    Cell env = MMM_new_node(DOM_FUNC_ENV, MFN_ENV_COUNT);
+    MMM_children(env)[MFN_ENV_EVALUATOR] = MMM_retained(MEV_arg(e, 1));
+    MMM_children(env)[MFN_ENV_PRINTER] = MMM_retained(MEV_nargs(e) >= 2 ? MEV_arg(e, 2) : MMM_NIL);
+    MMM_children(env)[MFN_ENV_ATTRIBUTES] = MMM_retained(table);
     MMM_sign(env);
     return env;
 }
@@ -48,19 +49,19 @@ Cell builtin_builtin(Cell e, int, unsigned, Cell) {
     const int fourth = MMM_category(MEV_arg(e, 4));
     if (fourth != DOM_STRING && fourth != DOM_NIL && fourth != DOM_TABLE) MER_raise(MER_ILLEGAL_ARGUMENT, name_of(e));
     Cell exec = MMM_new_node(DOM_EXEC, n);
-    MMM_children(exec)[0] = MMM_retained(code);
+    MMM_children(exec)[MFN_EXEC_CODE] = MMM_retained(code);
     Cell second = MEV_arg(e, 2);
     if (fourth != DOM_STRING && (MMM_category(second) == DOM_INT || MMM_category(second) == CAT_BIG_INT)) {
         // The evaluator form names its numeric routine by code.
         try {
-            MMM_children(exec)[1] = MMM_retained(code_operand(e, 2));
+            MMM_children(exec)[MFN_EXEC_NUMERIC] = MMM_retained(code_operand(e, 2));
         } catch (...) {
             for (long i = 1; i < n; ++i) MMM_children(exec)[i] = nullptr;
             MMM_release(exec);
             throw;
         }
     } else {
-        MMM_children(exec)[1] = MMM_retained(second);
+        MMM_children(exec)[MFN_EXEC_NUMERIC] = MMM_retained(second);
     }
     for (long i = 3; i <= n; ++i) MMM_children(exec)[i - 1] = MMM_retained(MEV_arg(e, i));
     MMM_sign(exec);

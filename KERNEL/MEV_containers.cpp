@@ -43,7 +43,7 @@ Cell builtin_table(Cell e, int, unsigned, Cell) {
         for (long i = 1; i <= MEV_nargs(e); ++i) {
             Cell a = MEV_arg(e, i);
             if (MMM_is_node(a, DOM_TABLE)) {
-                MMM_table_walker w(MMM_child(a, 0));
+                MMM_table_walker w(MMM_child(a, MMM_TABLE_HASH));
                 Cell key, value;
                 while (w.next(&key, &value)) MMM_table_set(&hash, key, value);
             } else if (is_equation(a)) {

@@ -13,6 +13,7 @@
 #include "MER_error.h"
 #include "MEV_stmt.h"
 #include "MFN_env.h"
+#include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_containers.h"
 #include "MMM_heap.h"
@@ -238,7 +239,7 @@ Cell eval_set(Cell c, int context, unsigned flags) {
             result = MMM_make_set(MMM_table_count(elements));
             MMM_table_walker before(elements);
             Cell k, unused;
-            for (long i = 0; i < passed && before.next(&k, &unused); ++i) MMM_table_add(&MMM_children(result)[0], k, nullptr);
+            for (long i = 0; i < passed && before.next(&k, &unused); ++i) MMM_table_add(&MMM_children(result)[MMM_TABLE_HASH], k, nullptr);
         }
         if (result) MMM_set_insert(&MMM_children(result)[0], v);
         MMM_release(v);
@@ -301,11 +302,11 @@ void MEV_check_declared_args(const MFN_record* record, Cell e) {
 #endif
 
 Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
-    Cell code = MMM_child(exec, 0);
+    Cell code = MMM_child(exec, MFN_EXEC_CODE);
     const MFN_record* record = MFN_record_of_code(code);
     const MFN_routine routine = MMM_code_routine(code);
     // Each built-in finds its own name as the operator of its expression.
-    Cell name = MMM_child(MMM_child(exec, 2), 0);
+    Cell name = MMM_child(MMM_child(exec, MFN_EXEC_TEXT), 0);
     Cell e;
     if (is_ident(MMM_child(expr, 0)) && MMM_child(MMM_child(expr, 0), 0) == name) {
         e = MMM_retained(expr);
@@ -354,7 +355,7 @@ Cell eval_expr(Cell c, int context, unsigned flags) {
         op = MEV_eval(MMM_child(c, 0), MEV_CONTEXT_FREE, 0);
     }
     if (MMM_category(op) == DOM_FUNC_ENV) {
-        Cell evaluator = MMM_retained(MMM_child(op, 0));
+        Cell evaluator = MMM_retained(MMM_child(op, MFN_ENV_EVALUATOR));
         MMM_release(op);
         op = evaluator;
     }
@@ -650,10 +651,10 @@ bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const
         }
     }
     // Stored results: f(0) := 1 on a built-in.
-    Cell stored = MMM_child_count(exec) > 3 ? MMM_child(exec, 3) : nullptr;
+    Cell stored = MMM_child_count(exec) > MFN_EXEC_STORE ? MMM_child(exec, MFN_EXEC_STORE) : nullptr;
     if (stored && stored != MMM_NIL && MMM_category(stored) == DOM_TABLE) {
         Cell found = nullptr;
-        if (MMM_table_lookup(MMM_child(stored, 0), *expr, 1, &found) && found) {
+        if (MMM_table_lookup(MMM_child(stored, MMM_TABLE_HASH), *expr, 1, &found) && found) {
             *result = MMM_retained(found);
             return true;
         }

@@ -13,7 +13,9 @@
 #include "MER_error.h"
 #include "MEV_containers.h"
 #include "MEV_eval.h"
+#include "MEV_proc.h"
 #include "MFN_env.h"
+#include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_containers.h"
 #include "MMM_heap.h"
@@ -240,11 +242,11 @@ Cell children_replace(Cell x, long i, Cell v) {
 
 // Activations: the stored fields after the first four.
 long proc_env_nops(Cell x) {
-    Cell record = MMM_child(x, 0);
+    Cell record = MMM_child(x, MEV_PROC_ENV_ACTIVATION);
     return record && MMM_child_count(record) > 4 ? MMM_child_count(record) - 4 : 0;
 }
 Cell proc_env_op(Cell x, long i) {
-    return i >= 1 && i <= proc_env_nops(x) ? as_operand(MMM_child(MMM_child(x, 0), i + 3)) : nullptr;
+    return i >= 1 && i <= proc_env_nops(x) ? as_operand(MMM_child(MMM_child(x, MEV_PROC_ENV_ACTIVATION), i + 3)) : nullptr;
 }
 
 // Arrays: the entries in storage order, NULL for an unset one.
@@ -266,7 +268,7 @@ Cell array_replace(Cell x, long i, Cell v) {
 }
 
 // Sets: the elements in walk order; a replacement goes in by the rule of sets.
-long set_nops(Cell x) { return MMM_table_count(MMM_child(x, 0)); }
+long set_nops(Cell x) { return MMM_table_count(MMM_child(x, MMM_TABLE_HASH)); }
 Cell set_op(Cell x, long i) {
     Cell key, value;
     return table_entry(MMM_child(x, 0), i, &key, &value) ? MMM_retained(key) : nullptr;
@@ -314,7 +316,7 @@ Cell domain_slot_table(Cell x) {
     Cell body = MMM_child_count(x) >= 1 ? MMM_child(x, 0) : nullptr;
     if (!body || MMM_kind_of(body) != MMM_DOMAIN_BODY || MMM_child_count(body) < 1) return nullptr;
     Cell slots = MMM_child(body, 0);
-    return slots && MMM_is_node(slots, DOM_TABLE) ? MMM_child(slots, 0) : nullptr;
+    return slots && MMM_is_node(slots, DOM_TABLE) ? MMM_child(slots, MMM_TABLE_HASH) : nullptr;
 }
 long domain_nops(Cell x) { return hash_entry_count(domain_slot_table(x)); }
 Cell domain_op(Cell x, long i) {
@@ -570,12 +572,12 @@ Cell eval_one_level_less(Cell x) {
 Cell function_type(Cell x, Owned& head) {
     if (!MMM_is_node(x, DOM_EXPR)) return nullptr;
     head.reset(MEV_eval(MMM_child(x, 0), MEV_CONTEXT_FREE, 0));
-    if (!head.c || !MMM_is_node(head.c, DOM_FUNC_ENV) || MMM_child_count(head.c) < 3) return nullptr;
-    Cell attributes = MMM_child(head.c, 2);
+    if (!head.c || !MMM_is_node(head.c, DOM_FUNC_ENV) || MMM_child_count(head.c) < MFN_ENV_COUNT) return nullptr;
+    Cell attributes = MMM_child(head.c, MFN_ENV_ATTRIBUTES);
     if (!MMM_is_node(attributes, DOM_TABLE)) return nullptr;
     Owned key(MMM_string_value("type"));
     Cell found = nullptr;
-    MMM_table_find(MMM_child(attributes, 0), key.c, &found);
+    MMM_table_find(MMM_child(attributes, MMM_TABLE_HASH), key.c, &found);
     return found;
 }
 
@@ -654,7 +656,7 @@ Cell builtin_contains(Cell e, int, unsigned, Cell) {
     }
     if (cat != DOM_SET && cat != DOM_TABLE && cat != DOM_ARRAY) MER_raise(MER_ILLEGAL_ARGUMENT, "contains");
     if (n != 2) MER_raise(MER_WRONG_ARG_COUNT, "contains");
-    if (cat != DOM_ARRAY) return truth(MMM_table_find(MMM_child(x, 0), v, nullptr));
+    if (cat != DOM_ARRAY) return truth(MMM_table_find(MMM_child(x, MMM_TABLE_HASH), v, nullptr));
     for (long i = 0; i < MMM_array_size(x); ++i)
         if (Cell entry = MMM_array_entry(x, i); entry && MCM_equal(entry, v)) return truth(true);
     return truth(false);

@@ -10,6 +10,7 @@
 #include "MEV_eval.h"
 #include "MEV_stmt.h"
 #include "MFN_env.h"
+#include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
@@ -64,7 +65,7 @@ Cell entry(Cell field, long k, long n) {
 
 Cell make_proc_env(Cell activation) {
     Cell env = MMM_new_node(DOM_PROC_ENV, 1);
-    MMM_children(env)[0] = MMM_retained(activation);
+    MMM_children(env)[MEV_PROC_ENV_ACTIVATION] = MMM_retained(activation);
     MMM_sign(env);
     return env;
 }
@@ -167,7 +168,7 @@ void remember_store(Cell proc, Cell args, Cell value) {
     }
     if (!is_cat(table, DOM_TABLE)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
     Cell key = MMM_table_make_key(args, 1);
-    MMM_table_set(&MMM_children(table)[0], key, value);
+    MMM_table_set(&MMM_children(table)[MMM_TABLE_HASH], key, value);
     MMM_release(key);
     MMM_sign(table);
     // The procedure keeps its signature: the table is a cache, not part of the value.
@@ -243,8 +244,8 @@ void check_hidden_body(Cell body) {
     bool ok = false;
     if (is_cat(body, DOM_EXPR) && is_cat(MMM_child(body, 0), DOM_IDENT)) {
         Cell v = MMM_value(MMM_child(body, 0));
-        ok = is_cat(v, DOM_FUNC_ENV) && is_cat(MMM_child(v, 0), DOM_EXEC) &&
-             MMM_code_of(MMM_child(MMM_child(v, 0), 0)).code == 913;
+        ok = is_cat(v, DOM_FUNC_ENV) && is_cat(MMM_child(v, MFN_ENV_EVALUATOR), DOM_EXEC) &&
+             MMM_code_of(MMM_child(MMM_child(v, MFN_ENV_EVALUATOR), MFN_EXEC_CODE)).code == 913;
         MMM_release(v);
     }
     if (!ok) MER_raise(MER_ILLEGAL_OPERAND, "function evaluation");
@@ -454,7 +455,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
             MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
         }
         Cell found = nullptr;
-        if (MMM_table_lookup(MMM_child(table, 0), args, 1, &found) && found) {
+        if (MMM_table_lookup(MMM_child(table, MMM_TABLE_HASH), args, 1, &found) && found) {
             MMM_release(args);
             return MMM_retained(found);
         }
@@ -756,7 +757,7 @@ Cell copy_activation(Cell a) {
 
 Cell MEV_copy_closure(Cell proc) {
     if (!is_proc(proc) || !is_cat(MMM_child(proc, MEV_PF_CLOSURE), DOM_PROC_ENV)) return MMM_retained(proc);
-    Cell copy = copy_activation(MMM_child(MMM_child(proc, MEV_PF_CLOSURE), 0));
+    Cell copy = copy_activation(MMM_child(MMM_child(proc, MEV_PF_CLOSURE), MEV_PROC_ENV_ACTIVATION));
     Cell p = MMM_retained(proc);
     MMM_clone(&p);
     Cell& closure = MMM_children(p)[MEV_PF_CLOSURE];
@@ -782,9 +783,9 @@ void MEV_running_scopes(std::vector<Cell>& params, std::vector<Cell>& locals, st
 
 void MEV_name_procedure(Cell lhs, Cell value) {
     Cell p = value, env = nullptr;
-    if (is_cat(value, DOM_FUNC_ENV) && is_cat(MMM_child(value, 0), DOM_PROC)) {
+    if (is_cat(value, DOM_FUNC_ENV) && is_cat(MMM_child(value, MFN_ENV_EVALUATOR), DOM_PROC)) {
         env = value;
-        p = MMM_child(value, 0);
+        p = MMM_child(value, MFN_ENV_EVALUATOR);
     }
     if (!is_proc(p) || MMM_child(p, MEV_PF_NAME) != MMM_NIL) return;
     Cell name = is_cat(lhs, DOM_IDENT) ? lhs : is_cat(lhs, DOM_VAR) ? MEV_var_ident(lhs) : nullptr;
@@ -801,8 +802,8 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
     Cell proc = nullptr, made = nullptr;
     if (is_proc(f)) {
         proc = f;
-    } else if (is_cat(f, DOM_FUNC_ENV) && is_proc(MMM_child(f, 0))) {
-        proc = MMM_child(f, 0);
+    } else if (is_cat(f, DOM_FUNC_ENV) && is_proc(MMM_child(f, MFN_ENV_EVALUATOR))) {
+        proc = MMM_child(f, MFN_ENV_EVALUATOR);
     } else if (is_cat(f, DOM_IDENT) && f == MMM_child(lhs, 0)) {
         // A name without value becomes a remember procedure that gives its call back
         // for arguments it does not know: procname(args()).

@@ -46,6 +46,9 @@ enum MEV_proc_field : int {
     MEV_PF_COUNT = 13,
 };
 
+// The one child of a DOM_PROC_ENV: the activation it stands for.
+constexpr int MEV_PROC_ENV_ACTIVATION = 0;
+
 // Children of an activation before its pairs of saved names.
 enum MEV_activation_child : int {
     MEV_AC_PROC = 0,

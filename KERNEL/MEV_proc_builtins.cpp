@@ -128,7 +128,7 @@ Cell builtin_act_proc_env(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 0, 0);
     if (!MEV_frame) return MMM_retained(MMM_NULL);
     Cell env = MMM_new_node(DOM_PROC_ENV, 1);
-    MMM_children(env)[0] = MMM_retained(MEV_frame);
+    MMM_children(env)[MEV_PROC_ENV_ACTIVATION] = MMM_retained(MEV_frame);
     MMM_sign(env);
     return env;
 }
@@ -139,7 +139,7 @@ Cell builtin_eval_entry(Cell e, int, unsigned, Cell) {
     MEV_need_args(e, 3, 3);
     Cell dom = MEV_arg(e, 2), env = MEV_arg(e, 3);
     if (!is_cat(dom, DOM_DOMAIN) || !is_cat(env, DOM_PROC_ENV)) MER_raise(MER_ILLEGAL_ARGUMENT, "_eval_entry");
-    Cell a = MMM_child(env, 0);
+    Cell a = MMM_child(env, MEV_PROC_ENV_ACTIVATION);
     const int32_t first = MEV_activation_words(a)[MEV_AW_FIRST_SLOT];
     if (first + 1 >= MMM_child_count(a)) MER_raise(MER_ILLEGAL_VARIABLE_CONTEXT, "DOM_PROC_ENV");  // an emptied activation
     Cell* c = MMM_children(a);

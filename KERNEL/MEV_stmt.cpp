@@ -12,6 +12,7 @@
 #include "MEV_proc.h"
 #include "MEV_stmt.h"
 #include "MFN_env.h"
+#include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
@@ -151,8 +152,8 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         Cell key = index_key(args);
         MMM_release(args);
         MMM_clone(container);
-        if (!value || value == MMM_NULL) MMM_table_remove(&MMM_children(*container)[0], key);
-        else MMM_table_set(&MMM_children(*container)[0], key, value);
+        if (!value || value == MMM_NULL) MMM_table_remove(&MMM_children(*container)[MMM_TABLE_HASH], key);
+        else MMM_table_set(&MMM_children(*container)[MMM_TABLE_HASH], key, value);
         MMM_release(key);
         MMM_sign(*container);
         return;
@@ -277,7 +278,7 @@ void assign_list(Cell lhs, Cell value, unsigned flags) {
 // without value, it goes to the remember table.
 void assign_call(Cell lhs, Cell value) {
     Cell f = MEV_eval(MMM_child(lhs, 0), MEV_CONTEXT_FREE, 0);
-    if (MMM_category(f) != DOM_FUNC_ENV || MMM_category(MMM_child(f, 0)) != DOM_EXEC) {
+    if (MMM_category(f) != DOM_FUNC_ENV || MMM_category(MMM_child(f, MFN_ENV_EVALUATOR)) != DOM_EXEC) {
         bool stored;
         try {
             stored = MEV_assign_remembered(lhs, f, value);
@@ -293,12 +294,12 @@ void assign_call(Cell lhs, Cell value) {
     Cell args = MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
     Cell key = MMM_table_make_key(args, 1);
     MMM_release(args);
-    Cell& table = MMM_children(MMM_child(f, 0))[3];
+    Cell& table = MMM_children(MMM_child(f, MFN_ENV_EVALUATOR))[MFN_EXEC_STORE];
     if (table == MMM_NIL) {
         MMM_release(table);
         table = MMM_make_table(0);
     }
-    MMM_table_set(&MMM_children(table)[0], key, value);
+    MMM_table_set(&MMM_children(table)[MMM_TABLE_HASH], key, value);
     MMM_sign(table);
     MMM_release(key);
     MMM_release(f);
@@ -473,7 +474,7 @@ std::vector<Cell> members(Cell v) {
         for (long i = 0; i < MMM_child_count(v); ++i) out.push_back(MMM_child(v, i));
         return out;
     case DOM_SET: {
-        MMM_table_walker w(MMM_child(v, 0));
+        MMM_table_walker w(MMM_child(v, MMM_TABLE_HASH));
         Cell key, value;
         while (w.next(&key, &value)) out.push_back(key);
         return out;
@@ -867,7 +868,7 @@ Cell builtin_index(Cell e, int, unsigned, Cell) {
     const int cat = MMM_category(c);
     if (cat == DOM_TABLE) {
         Cell found = nullptr;
-        if (MMM_table_lookup(MMM_child(c, 0), e, 2, &found) && found) return MMM_retained(found);
+        if (MMM_table_lookup(MMM_child(c, MMM_TABLE_HASH), e, 2, &found) && found) return MMM_retained(found);
         return MMM_retained(e);
     }
     if (cat == DOM_ARRAY) return MEV_array_read(e);

@@ -468,18 +468,18 @@ bool MMM_table_walker::next(Cell* key, Cell* value) {
 
 Cell MMM_make_set(long n) {
     Cell s = MMM_new_node(DOM_SET, 1);
-    MMM_children(s)[0] = nullptr;
-    MMM_children(s)[0] = MMM_table_new(n);
+    MMM_children(s)[MMM_TABLE_HASH] = nullptr;
+    MMM_children(s)[MMM_TABLE_HASH] = MMM_table_new(n);
     MMM_sign(s);
     return s;
 }
 
 Cell MMM_make_table(long n) {
     Cell t = MMM_new_node(DOM_TABLE, 2);
-    MMM_children(t)[0] = nullptr;
-    MMM_children(t)[1] = nullptr;
-    MMM_children(t)[0] = MMM_table_new(n);
-    MMM_children(t)[1] = new_cleared(MMM_BOX, 0, 1);
+    MMM_children(t)[MMM_TABLE_HASH] = nullptr;
+    MMM_children(t)[MMM_TABLE_OWNER] = nullptr;
+    MMM_children(t)[MMM_TABLE_HASH] = MMM_table_new(n);
+    MMM_children(t)[MMM_TABLE_OWNER] = new_cleared(MMM_BOX, 0, 1);
     MMM_sign(t);
     return t;
 }

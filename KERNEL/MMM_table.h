@@ -118,5 +118,9 @@ struct MMM_table_walker {
 
 // Value makers (refcount 1, signed). DOM_SET: one child, a table for n elements.
 // DOM_TABLE: a table for n entries and an MMM_BOX holding null (the owner name).
+enum MMM_table_field : int {
+    MMM_TABLE_HASH = 0,   // the MMM_HASH of a DOM_SET or DOM_TABLE
+    MMM_TABLE_OWNER = 1,  // the owner box of a DOM_TABLE
+};
 Cell MMM_make_set(long n);
 Cell MMM_make_table(long n);

@@ -11,6 +11,7 @@
 #include "MAR_numbers.h"
 #include "MCM_equal.h"
 #include "MER_error.h"
+#include "MFN_layout.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
@@ -226,16 +227,16 @@ void resolve(Cell expr, Printer& p) {
     }
     if (!env) return;
     p.env.reset(env);
-    if (MMM_child_count(env) < 2) return;
-    Cell evaluator = MMM_child(env, 0);
-    if (is_cat(evaluator, DOM_EXEC) && MMM_child_count(evaluator) >= 3)
-        p.id = id_of_name(string_text(MMM_child(evaluator, 2)), nullptr);
-    Cell printer = MMM_child(env, 1);
-    if (!is_cat(printer, DOM_EXEC) || MMM_child_count(printer) < 3) return;
-    p.code = code_of(MMM_child(printer, 0));
-    Cell priority = MMM_child(printer, 1);
+    if (MMM_child_count(env) <= MFN_ENV_PRINTER) return;
+    Cell evaluator = MMM_child(env, MFN_ENV_EVALUATOR);
+    if (is_cat(evaluator, DOM_EXEC) && MMM_child_count(evaluator) > MFN_EXEC_TEXT)
+        p.id = id_of_name(string_text(MMM_child(evaluator, MFN_EXEC_TEXT)), nullptr);
+    Cell printer = MMM_child(env, MFN_ENV_PRINTER);
+    if (!is_cat(printer, DOM_EXEC) || MMM_child_count(printer) <= MFN_EXEC_TEXT) return;
+    p.code = code_of(MMM_child(printer, MFN_EXEC_CODE));
+    Cell priority = MMM_child(printer, MFN_EXEC_NUMERIC);
     if (is_cat(priority, DOM_INT)) p.priority = MAR_small_int(priority);
-    p.text = std::string(string_text(MMM_child(printer, 2)));
+    p.text = std::string(string_text(MMM_child(printer, MFN_EXEC_TEXT)));
 }
 
 // ---- signs and reciprocals for printing ----
@@ -361,7 +362,7 @@ void print_set(Cell set) {
         }
     }
     if (MMM_child_count(set) == 1) {
-        MMM_table_walker w(MMM_child(set, 0));
+        MMM_table_walker w(MMM_child(set, MMM_TABLE_HASH));
         Cell key, value;
         Cell comma = separator(", ");
         for (bool first = true; w.next(&key, &value); first = false) print_child(key, 20, first ? nullptr : comma);
@@ -370,12 +371,12 @@ void print_set(Cell set) {
 }
 
 void print_table(Cell table) {
-    if (MMM_child_count(table) < 1 || MMM_table_count(MMM_child(table, 0)) == 0) {
+    if (MMM_child_count(table) < 1 || MMM_table_count(MMM_child(table, MMM_TABLE_HASH)) == 0) {
         MOU_put_text("table()");
         return;
     }
     MOU_put_text("table(");
-    MMM_table_walker w(MMM_child(table, 0));
+    MMM_table_walker w(MMM_child(table, MMM_TABLE_HASH));
     Cell key, value;
     Cell comma = separator(", ");
     Cell equals = separator(" = ");
@@ -389,13 +390,14 @@ void print_table(Cell table) {
 
 void print_exec(Cell exec) {
     const long n = MMM_child_count(exec);
-    // The evaluator form names the routine in child 2, the printer form in child 3.
-    if (n >= 3 && !string_text(MMM_child(exec, 2)).empty() && (n < 4 || !is_cat(MMM_child(exec, 3), DOM_STRING))) {
-        MOU_put_text(string_text(MMM_child(exec, 2)));
+    // The evaluator form names the routine in its text child, the printer form in the last.
+    if (n > MFN_EXEC_TEXT && !string_text(MMM_child(exec, MFN_EXEC_TEXT)).empty() &&
+        (n <= MFN_EXEC_STORE || !is_cat(MMM_child(exec, MFN_EXEC_STORE), DOM_STRING))) {
+        MOU_put_text(string_text(MMM_child(exec, MFN_EXEC_TEXT)));
         return;
     }
-    if (n >= 4 && !string_text(MMM_child(exec, 3)).empty()) {
-        MOU_put_text(string_text(MMM_child(exec, 3)));
+    if (n > MFN_EXEC_STORE && !string_text(MMM_child(exec, MFN_EXEC_STORE)).empty()) {
+        MOU_put_text(string_text(MMM_child(exec, MFN_EXEC_STORE)));
         return;
     }
     MOU_put_text("builtin(");
@@ -413,10 +415,10 @@ void print_exec(Cell exec) {
 }
 
 void print_func_env(Cell env) {
-    if (MMM_child_count(env) >= 3 && is_cat(MMM_child(env, 2), DOM_TABLE)) {
+    if (MMM_child_count(env) > MFN_ENV_ATTRIBUTES && is_cat(MMM_child(env, MFN_ENV_ATTRIBUTES), DOM_TABLE)) {
         Owned key(MMM_string_value("print"));
         Cell slot = nullptr;
-        if (MMM_table_find(MMM_child(MMM_child(env, 2), 0), key.c, &slot) && slot) {
+        if (MMM_table_find(MMM_child(MMM_child(env, MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key.c, &slot) && slot) {
             if (is_cat(slot, DOM_STRING)) {
                 MOU_put_text(string_text(slot));
                 return;
@@ -432,9 +434,9 @@ void print_func_env(Cell env) {
             }
         }
     }
-    Cell evaluator = MMM_child_count(env) >= 1 ? MMM_child(env, 0) : nullptr;
-    if (is_cat(evaluator, DOM_EXEC) && MMM_child_count(evaluator) >= 3) {
-        MOU_put_text(string_text(MMM_child(evaluator, 2)));
+    Cell evaluator = MMM_child_count(env) > MFN_ENV_EVALUATOR ? MMM_child(env, MFN_ENV_EVALUATOR) : nullptr;
+    if (is_cat(evaluator, DOM_EXEC) && MMM_child_count(evaluator) > MFN_EXEC_TEXT) {
+        MOU_put_text(string_text(MMM_child(evaluator, MFN_EXEC_TEXT)));
         return;
     }
     MOU_put_text("funcenv()");
@@ -505,8 +507,8 @@ void print_atom(Cell* ref, int context, Cell sep) {
         if (MOU_for_text) method.reset(MOU_hooks.type_slot(v, "expr2text"));
         if (!method.c || method.c == MMM_FAIL) method.reset(MOU_hooks.type_slot(v, "print"));
         if (method.c && method.c != MMM_FAIL) {
-            if (is_cat(method.c, DOM_EXEC) && MMM_child_count(method.c) >= 1) {
-                if (MFN_print_routine fn = MOU_print_routine_for_code(code_of(MMM_child(method.c, 0)))) {
+            if (is_cat(method.c, DOM_EXEC) && MMM_child_count(method.c) > MFN_EXEC_CODE) {
+                if (MFN_print_routine fn = MOU_print_routine_for_code(code_of(MMM_child(method.c, MFN_EXEC_CODE)))) {
                     fn(ref, context, sep);
                     return;
                 }
@@ -957,7 +959,7 @@ void MOU_print(Cell* ref, int context, Cell separator) {
     }
     if (MOU_alias_table) {
         Cell shown = nullptr;
-        if (MMM_table_find(MMM_child(MOU_alias_table, 0), v, &shown) && shown && shown != v) {
+        if (MMM_table_find(MMM_child(MOU_alias_table, MMM_TABLE_HASH), v, &shown) && shown && shown != v) {
             Cell table = MOU_alias_table;
             MOU_alias_table = nullptr;  // the replacement is not looked up again
             try {
@@ -998,10 +1000,10 @@ void MOU_print_call(Cell* ref, int context, Cell sep) {
     resolve(e, p);
     // The environment's print slot: a string is the name to show, another value makes the
     // text from the expression.
-    if (p.env.c && MMM_child_count(p.env.c) >= 3 && is_cat(MMM_child(p.env.c, 2), DOM_TABLE)) {
+    if (p.env.c && MMM_child_count(p.env.c) > MFN_ENV_ATTRIBUTES && is_cat(MMM_child(p.env.c, MFN_ENV_ATTRIBUTES), DOM_TABLE)) {
         Owned key(MMM_string_value("print"));
         Cell slot = nullptr;
-        if (MMM_table_find(MMM_child(MMM_child(p.env.c, 2), 0), key.c, &slot) && slot &&
+        if (MMM_table_find(MMM_child(MMM_child(p.env.c, MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key.c, &slot) && slot &&
             !is_cat(slot, DOM_STRING) && MOU_hooks.call) {
             Owned shown(MOU_hooks.call(slot, e));
             if (shown.c && shown.c != MMM_FAIL) {

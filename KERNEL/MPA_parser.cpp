@@ -1239,7 +1239,7 @@ Cell Parser::primary(int& level, bool& assignable) {
             tree = MMM_make_set(long(items.size()));
             for (Cell x : items) {
                 // NULL adds nothing; an element already there stays as it was.
-                if (x != MMM_NULL) MMM_table_set(&MMM_children(tree)[0], x, nullptr);
+                if (x != MMM_NULL) MMM_table_set(&MMM_children(tree)[MMM_TABLE_HASH], x, nullptr);
                 MMM_release(x);
             }
             MMM_sign(tree);

@@ -173,7 +173,7 @@ void dump_into(std::string& out, Cell t) {
     } else if (cat == DOM_SET) {
         out += "DOM_SET";
         out += '(';
-        MMM_table_walker w(MMM_child(t, 0));
+        MMM_table_walker w(MMM_child(t, MMM_TABLE_HASH));
         Cell key, value;
         for (bool first_key = true; w.next(&key, &value); first_key = false) {
             if (!first_key) out += ", ";

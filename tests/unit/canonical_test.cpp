@@ -169,8 +169,8 @@ TEST(SystemOrder, TablesAndSetsIgnoreInsertionOrder) {
     Cell a = MMM_make_set(4), b = MMM_make_set(4);
     for (int i = 0; i < 4; ++i) {
         Cell e1 = parse_text(elements[i]), e2 = parse_text(elements[3 - i]);
-        MMM_table_add(&MMM_children(a)[0], e1, nullptr);
-        MMM_table_add(&MMM_children(b)[0], e2, nullptr);
+        MMM_table_add(&MMM_children(a)[MMM_TABLE_HASH], e1, nullptr);
+        MMM_table_add(&MMM_children(b)[MMM_TABLE_HASH], e2, nullptr);
         MMM_release(e1);
         MMM_release(e2);
     }
@@ -180,7 +180,7 @@ TEST(SystemOrder, TablesAndSetsIgnoreInsertionOrder) {
     EXPECT_EQ(MCM_compare(a, b), 0);
     Cell c = MMM_make_set(1);
     Cell e = parse_text("x");
-    MMM_table_add(&MMM_children(c)[0], e, nullptr);
+    MMM_table_add(&MMM_children(c)[MMM_TABLE_HASH], e, nullptr);
     MMM_sign(c);
     EXPECT_LT(MCM_compare(c, a), 0) << "fewer entries first";
     EXPECT_GT(MCM_compare(a, c), 0);

@@ -9,6 +9,7 @@
 
 #include "MER_error.h"
 #include "MEV_eval.h"
+#include "MFN_layout.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_table.h"
@@ -144,10 +145,10 @@ TEST(Eval, FunctionEnvironments) {
     Cell env = MMM_value(plus);
     ASSERT_NE(env, nullptr);
     EXPECT_EQ(MMM_category(env), DOM_FUNC_ENV);
-    EXPECT_EQ(MMM_category(MMM_child(env, 0)), DOM_EXEC);
+    EXPECT_EQ(MMM_category(MMM_child(env, MFN_ENV_EVALUATOR)), DOM_EXEC);
     Cell type = nullptr;
     Cell key = MMM_string_value("type");
-    EXPECT_TRUE(MMM_table_find(MMM_child(MMM_child(env, 2), 0), key, &type));
+    EXPECT_TRUE(MMM_table_find(MMM_child(MMM_child(env, MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key, &type));
     EXPECT_EQ(MPA_dump(type), "\"_plus\"");
     MMM_release(key);
     EXPECT_EQ(MMM_protection(plus), 4) << "operators are bound at kernel protection";

@@ -47,7 +47,7 @@ Cell integer_set(long n) {
     Cell s = MMM_make_set(0);
     for (long i = 1; i <= n; ++i) {
         Cell k = MAR_from_long(i);
-        MMM_table_add(&MMM_children(s)[0], k, nullptr);
+        MMM_table_add(&MMM_children(s)[MMM_TABLE_HASH], k, nullptr);
         MMM_release(k);
     }
     MMM_sign(s);
@@ -72,7 +72,7 @@ TEST(Operands, WalkOrderOfBucketedSets) {
     // 17 elements: 37 buckets; 186 still 37; 187 rebuilds with 1009.
     for (auto [n, buckets] : {std::pair{17L, 37L}, {186L, 37L}, {187L, 1009L}}) {
         Cell s = integer_set(n);
-        EXPECT_EQ(MMM_table_width(MMM_child(s, 0)), buckets) << n;
+        EXPECT_EQ(MMM_table_width(MMM_child(s, MMM_TABLE_HASH)), buckets) << n;
         bind("ot_s", s);
         EXPECT_EQ(run("op(ot_s)"), bucket_order(n, buckets)) << n;
         // Positions asked backwards and then forwards again give the same entries.
@@ -87,7 +87,7 @@ TEST(Containers, WriteToSharedBigTableCopiesOneBucket) {
     Cell t = MMM_make_table(0);
     for (long i = 0; i < 100000; ++i) {
         Cell k = MAR_from_long(i);
-        MMM_table_set(&MMM_children(t)[0], k, k);
+        MMM_table_set(&MMM_children(t)[MMM_TABLE_HASH], k, k);
         MMM_release(k);
     }
     MMM_sign(t);

@@ -269,8 +269,8 @@ TEST(Print, ContainersAndUniversalValues) {
     Cell one = MAR_ONE;
     Cell key = parse("b, c");
     Cell a = MMM_ident_named("a");
-    MMM_table_set(&MMM_children(t)[0], one, a);
-    MMM_table_set(&MMM_children(t)[0], key, MMM_NULL);
+    MMM_table_set(&MMM_children(t)[MMM_TABLE_HASH], one, a);
+    MMM_table_set(&MMM_children(t)[MMM_TABLE_HASH], key, MMM_NULL);
     MMM_sign(t);
     EXPECT_EQ(MOU_to_text(t), "table(1 = a, (b, c) = null())");
     MMM_release(a);
@@ -573,7 +573,7 @@ Cell test_type_slot(Cell value, const char* name) {
 Cell test_call(Cell fn, Cell arg) {
     if (MMM_ident_text(fn) == "show") return MMM_make_string("<" + std::string(MMM_string_view(MMM_child(arg, 0))) + ">");
     std::vector<Cell> keys;
-    MMM_table_walker w(MMM_child(arg, 0));
+    MMM_table_walker w(MMM_child(arg, MMM_TABLE_HASH));
     Cell k, v;
     while (w.next(&k, &v)) keys.insert(keys.begin(), k);
     Cell l = MMM_make_list(long(keys.size()));
