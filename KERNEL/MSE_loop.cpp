@@ -102,7 +102,7 @@ std::vector<std::string> split(const std::string& list, char sep) {
 
 // Runs one batch source under a guard with a fresh context; gives the error code or 0.
 long run_batch_source(const char* name, const std::string* text) {
-    MSE_session.control_state = 0;
+    MSE_session.control_state = MSE_CONTROL_RUNNING;
     try {
         if (text) {
             run_source(*text, "", false);
@@ -128,7 +128,7 @@ void MSE_post(MSE_message* m) {
 }
 
 void MSE_main_loop(bool block) {
-    while (MSE_session.control_state != 2) {
+    while (MSE_session.control_state != MSE_CONTROL_ENDING) {
         MSY_interrupt_pending = 0;
         MSE_message* m = take_first(true);
         if (!m) {
@@ -169,19 +169,19 @@ void MSE_text_command::run() {
 }
 
 void MSE_run_text(std::string_view text) {
-    const int control_state = MSE_session.control_state;
+    const MSE_control_state control_state = MSE_session.control_state;
     const std::string read_file = MSE_session.current_read_file;
     try {
         run_source(text, "", true);
     } catch (const MER_exception&) {
-        MSE_session.control_state = control_state == 2 ? 2 : MSE_session.control_state;
+        MSE_session.control_state = control_state == MSE_CONTROL_ENDING ? MSE_CONTROL_ENDING : MSE_session.control_state;
         MSE_session.current_read_file = read_file;
         MSE_recover(true);
     }
 }
 
 Cell MSE_toplevel_eval(Cell statement, bool print) {
-    MSE_session.control_state = 0;
+    MSE_session.control_state = MSE_CONTROL_RUNNING;
     MSE_limits.command_start_ms = MSY_monotonic_ms();
     Cell value;
     try {
@@ -192,10 +192,10 @@ Cell MSE_toplevel_eval(Cell statement, bool print) {
             value = statement;
         }
     } catch (...) {
-        if (MSE_session.control_state != 2) MSE_session.control_state = 0;
+        if (MSE_session.control_state != MSE_CONTROL_ENDING) MSE_session.control_state = MSE_CONTROL_RUNNING;
         throw;
     }
-    if (MSE_session.control_state != 2) MSE_session.control_state = 0;
+    if (MSE_session.control_state != MSE_CONTROL_ENDING) MSE_session.control_state = MSE_CONTROL_RUNNING;
     MMM_retain(value);
     hold(value);
     if (print) MSE_print_result(value);
@@ -282,7 +282,7 @@ void MSE_read_init_files(int file_count, char** files) {
         const std::string text = buf.str();
         failed = run_batch_source(nullptr, &text) != 0;
     }
-    for (int i = 0; i < file_count && s.control_state != 2; ++i) {
+    for (int i = 0; i < file_count && s.control_state != MSE_CONTROL_ENDING; ++i) {
         const long code = run_batch_source(files[i], nullptr);
         if (!code) continue;
         failed = true;

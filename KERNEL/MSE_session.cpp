@@ -114,7 +114,7 @@ void install_hooks() {
     MSE_frontend.reset_evaluator = MEV_reset_after_error;
     MSE_frontend.print_result = MOU_print_result;
     MPA_hooks.toplevel_eval = MSE_toplevel_eval;
-    MEV_quit_hook = [] { MSE_session.control_state = 2; };
+    MEV_quit_hook = [] { MSE_session.control_state = MSE_CONTROL_ENDING; };
     MER_set_file_routine(reading_file);
 }
 
@@ -197,10 +197,10 @@ MSE_start_result MSE_start(int argc, char** argv) {
         start_modules();
         state = State::running;
 
-        if (MSE_session.control_state == 2) return MSE_FINISHED;
+        if (MSE_session.control_state == MSE_CONTROL_ENDING) return MSE_FINISHED;
         MSE_read_init_files(left, files);
         MSE_tidy();
-        if (MSE_session.control_state == 2 || !MSE_session.batch_output.empty()) return MSE_FINISHED;
+        if (MSE_session.control_state == MSE_CONTROL_ENDING || !MSE_session.batch_output.empty()) return MSE_FINISHED;
         MSE_poll();
         MMM_set_memory_handler(raise_out_of_memory);
         MMM_set_ceiling_handler(raise_out_of_memory);
@@ -313,7 +313,7 @@ void MSE_tidy() {
 }
 
 void MSE_recover(bool clear_error) {
-    MSE_session.control_state = MSE_session.control_state == 2 ? 2 : 0;
+    MSE_session.control_state = MSE_session.control_state == MSE_CONTROL_ENDING ? MSE_CONTROL_ENDING : MSE_CONTROL_RUNNING;
     // 1014 ends the session; otherwise the evaluator's depths and frame are cleared and
     // the PARI stack reset. After 1300 the heap is swept, and only then is the error
     // reported: memory is back only after the sweep.

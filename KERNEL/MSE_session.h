@@ -19,6 +19,14 @@ constexpr int MSE_VERSION_PATCH = 1;
 
 extern const char* const MSE_usage_text;
 
+// Where the session stands after a command: running on, leaving a loop or procedure, or
+// ending once the current command is done (`quit`).
+enum MSE_control_state : int {
+    MSE_CONTROL_RUNNING = 0,
+    MSE_CONTROL_LEAVING = 1,
+    MSE_CONTROL_ENDING = 2,
+};
+
 struct MSE_session_record {
     long stack_size = 0x4000000;
     long prime_limit = 300000;
@@ -54,7 +62,7 @@ struct MSE_session_record {
     std::string secure_read_path;
     std::string secure_write_path;
     std::string secure_exec_path;
-    int control_state = 0;  // 0 normal, 1 leaving a loop or procedure, 2 the session ends
+    MSE_control_state control_state = MSE_CONTROL_RUNNING;
     bool interrupts_deferred = true;
     std::string package_path;
     std::string lib_path;

@@ -22,7 +22,7 @@ void* kernel_main(void* p) {
         const bool tty = ::isatty(0);
         std::string line;
         long id = 0;
-        while (MSE_session.control_state != 2) {
+        while (MSE_session.control_state != MSE_CONTROL_ENDING) {
             if (tty && MSE_pref.prompt) {
                 std::fputs(">> ", stdout);
                 std::fflush(stdout);
