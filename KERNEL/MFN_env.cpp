@@ -1,4 +1,5 @@
 #include "MFN_env.h"
+#include "MFN_layout.h"
 
 #include <cstdio>
 #include <vector>
@@ -35,11 +36,11 @@ Cell string_or_nil(const char* text) {
 }
 
 Cell make_exec(Cell c0, Cell c1, Cell c2, Cell c3) {
-    Cell e = MMM_new_node(DOM_EXEC, 4);
-    MMM_children(e)[0] = c0;
-    MMM_children(e)[1] = c1;
-    MMM_children(e)[2] = c2;
-    MMM_children(e)[3] = c3;
+    Cell e = MMM_new_node(DOM_EXEC, MFN_EXEC_COUNT);
+    MMM_children(e)[MFN_EXEC_CODE] = c0;
+    MMM_children(e)[MFN_EXEC_NUMERIC] = c1;
+    MMM_children(e)[MFN_EXEC_TEXT] = c2;
+    MMM_children(e)[MFN_EXEC_STORE] = c3;
     MMM_sign(e);
     return e;
 }
@@ -65,10 +66,10 @@ Cell make_env(const MFN_record* r) {
     MMM_sign(attributes);
     MMM_release(type_key);
     MMM_release(name);
-    Cell env = MMM_new_node(DOM_FUNC_ENV, 3);
-    MMM_children(env)[0] = evaluator;
-    MMM_children(env)[1] = printer;
-    MMM_children(env)[2] = attributes;
+    Cell env = MMM_new_node(DOM_FUNC_ENV, MFN_ENV_COUNT);
+    MMM_children(env)[MFN_ENV_EVALUATOR] = evaluator;
+    MMM_children(env)[MFN_ENV_PRINTER] = printer;
+    MMM_children(env)[MFN_ENV_ATTRIBUTES] = attributes;
     MMM_sign(env);
     return env;
 }
