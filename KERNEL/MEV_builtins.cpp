@@ -11,6 +11,7 @@
 #include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 #include "MOU_print.h"
 
@@ -48,21 +49,13 @@ Cell builtin_builtin(Cell e, int, unsigned, Cell) {
     Cell code = code_operand(e, 1);
     const int fourth = MMM_category(MEV_arg(e, 4));
     if (fourth != DOM_STRING && fourth != DOM_NIL && fourth != DOM_TABLE) MER_raise(MER_ILLEGAL_ARGUMENT, name_of(e));
+    Cell second = MEV_arg(e, 2);
+    // The evaluator form names its numeric routine by code; found before the node is made.
+    if (fourth != DOM_STRING && (MMM_category(second) == DOM_INT || MMM_category(second) == CAT_BIG_INT))
+        second = code_operand(e, 2);
     Cell exec = MMM_new_node(DOM_EXEC, n);
     MMM_children(exec)[MFN_EXEC_CODE] = MMM_retained(code);
-    Cell second = MEV_arg(e, 2);
-    if (fourth != DOM_STRING && (MMM_category(second) == DOM_INT || MMM_category(second) == CAT_BIG_INT)) {
-        // The evaluator form names its numeric routine by code.
-        try {
-            MMM_children(exec)[MFN_EXEC_NUMERIC] = MMM_retained(code_operand(e, 2));
-        } catch (...) {
-            for (long i = 1; i < n; ++i) MMM_children(exec)[i] = nullptr;
-            MMM_release(exec);
-            throw;
-        }
-    } else {
-        MMM_children(exec)[MFN_EXEC_NUMERIC] = MMM_retained(second);
-    }
+    MMM_children(exec)[MFN_EXEC_NUMERIC] = MMM_retained(second);
     for (long i = 3; i <= n; ++i) MMM_children(exec)[i - 1] = MMM_retained(MEV_arg(e, i));
     MMM_sign(exec);
     return exec;
@@ -74,15 +67,8 @@ Cell builtin_op_plusmult(Cell e, int context, unsigned flags, Cell) {
     Cell call = MMM_make_expr(MEV_nargs(e));
     for (long i = 1; i <= MEV_nargs(e); ++i) MMM_children(call)[i - 1] = MMM_retained(MEV_arg(e, i));
     MMM_sign(call);
-    Cell r;
-    try {
-        r = MEV_eval(call, context, flags & ~(MEV_ARGS_FLAT | MEV_OPERATOR_DONE));
-    } catch (...) {
-        MMM_release(call);
-        throw;
-    }
-    MMM_release(call);
-    return r;
+    MMM_ref owned(call);
+    return MEV_eval(call, context, flags & ~(MEV_ARGS_FLAT | MEV_OPERATOR_DONE));
 }
 
 // _op_power(f, n): the n-th power of the function.
@@ -93,15 +79,8 @@ Cell builtin_op_power(Cell e, int context, unsigned, Cell) {
     MMM_children(p)[1] = MMM_retained(MEV_arg(e, 1));
     MMM_children(p)[2] = MMM_retained(MEV_arg(e, 2));
     MMM_sign(p);
-    Cell r;
-    try {
-        r = MEV_eval(p, context, MEV_ARGS_FLAT);
-    } catch (...) {
-        MMM_release(p);
-        throw;
-    }
-    MMM_release(p);
-    return r;
+    MMM_ref owned(p);
+    return MEV_eval(p, context, MEV_ARGS_FLAT);
 }
 
 // _op_fconcat(f, g, ..., x): f(g(...(x))), right to left; the inner steps have their
@@ -114,14 +93,9 @@ Cell builtin_op_fconcat(Cell e, int context, unsigned flags, Cell) {
         MMM_children(step)[0] = MMM_retained(MEV_arg(e, i));
         MMM_children(step)[1] = value;
         MMM_sign(step);
+        MMM_ref owned(step);
         const unsigned step_flags = i == 1 ? flags : (MEV_OPERATOR_DONE | MEV_ARGS_SPLICE);
-        try {
-            value = MEV_eval(step, i == 1 ? context : MEV_CONTEXT_ARGUMENT, step_flags & ~MEV_OPERATOR_DONE);
-        } catch (...) {
-            MMM_release(step);
-            throw;
-        }
-        MMM_release(step);
+        value = MEV_eval(step, i == 1 ? context : MEV_CONTEXT_ARGUMENT, step_flags & ~MEV_OPERATOR_DONE);
     }
     return value;
 }
@@ -147,16 +121,8 @@ bool MEV_overload_front(Cell* expr, int context, unsigned flags, Cell exec, MFN_
 }
 
 bool MEV_held(Cell e, int context, unsigned flags, Cell* result) {
-    Cell x = MMM_retained(e);
-    bool done;
-    try {
-        done = MEV_check_hold(&x, context, flags, result, 100);
-    } catch (...) {
-        MMM_release(x);
-        throw;
-    }
-    MMM_release(x);
-    return done;
+    MMM_ref x(MMM_retained(e));
+    return MEV_check_hold(x.slot(), context, flags, result, 100);
 }
 
 bool MEV_check_hold(Cell* expr, int context, unsigned flags, Cell* result, int column) {

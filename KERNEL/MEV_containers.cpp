@@ -12,6 +12,7 @@
 #include "MFN_table.h"
 #include "MMM_containers.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 
@@ -37,36 +38,25 @@ Cell equation_key(Cell eq) {
 
 // table(eq1, eq2, ..., t, ...): equations key = value and tables, merged in order.
 Cell builtin_table(Cell e, int, unsigned, Cell) {
-    Cell t = MMM_make_table(MEV_nargs(e));
-    try {
-        Cell& hash = MMM_children(t)[0];
-        for (long i = 1; i <= MEV_nargs(e); ++i) {
-            Cell a = MEV_arg(e, i);
-            if (MMM_is_node(a, DOM_TABLE)) {
-                MMM_table_walker w(MMM_child(a, MMM_TABLE_HASH));
-                Cell key, value;
-                while (w.next(&key, &value)) MMM_table_set(&hash, key, value);
-            } else if (is_equation(a)) {
-                // An equation that lost its value to NULL makes no entry.
-                if (MEV_nargs(a) < 2) continue;
-                Cell key = equation_key(a);
-                try {
-                    MMM_table_set(&hash, key, MEV_arg(a, MEV_nargs(a)));
-                } catch (...) {
-                    MMM_release(key);
-                    throw;
-                }
-                MMM_release(key);
-            } else {
-                MER_raise(MER_ILLEGAL_ARGUMENT, "table");
-            }
+    MMM_ref t(MMM_make_table(MEV_nargs(e)));
+    Cell& hash = MMM_children(t.get())[0];
+    for (long i = 1; i <= MEV_nargs(e); ++i) {
+        Cell a = MEV_arg(e, i);
+        if (MMM_is_node(a, DOM_TABLE)) {
+            MMM_table_walker w(MMM_child(a, MMM_TABLE_HASH));
+            Cell key, value;
+            while (w.next(&key, &value)) MMM_table_set(&hash, key, value);
+        } else if (is_equation(a)) {
+            // An equation that lost its value to NULL makes no entry.
+            if (MEV_nargs(a) < 2) continue;
+            MMM_ref key(equation_key(a));
+            MMM_table_set(&hash, key.get(), MEV_arg(a, MEV_nargs(a)));
+        } else {
+            MER_raise(MER_ILLEGAL_ARGUMENT, "table");
         }
-    } catch (...) {
-        MMM_release(t);
-        throw;
     }
-    MMM_sign(t);
-    return t;
+    MMM_sign(t.get());
+    return t.take();
 }
 
 // _frame(x) for an identifier: the frame x holds in the current frame, or a new child
@@ -74,13 +64,10 @@ Cell builtin_table(Cell e, int, unsigned, Cell) {
 Cell enter_named(Cell ident) {
     if (Cell v = MMM_value_in(ident, MMM_current_frame, true)) {
         Cell r;
-        try {
+        {
+            MMM_ref owned(v);
             r = MEV_eval(v, MEV_CONTEXT_ARGUMENT, 0);
-        } catch (...) {
-            MMM_release(v);
-            throw;
         }
-        MMM_release(v);
         if (MMM_is_node(r, DOM_FRAME)) {
             MEV_enter_frame(r);
             return r;
@@ -88,29 +75,20 @@ Cell enter_named(Cell ident) {
         MMM_release(r);
     }
     Cell parent = MMM_current_frame;
-    Cell frame = MMM_frame_new(parent, ident);
-    try {
-        MMM_release(MMM_set_value(ident, frame, 0, parent));
-    } catch (...) {
-        MMM_release(frame);
-        throw;
-    }
-    if (parent != MMM_root_frame) MMM_frame_add_child(parent, frame);
-    MEV_enter_frame(frame);
-    return frame;
+    MMM_ref frame(MMM_frame_new(parent, ident));
+    MMM_release(MMM_set_value(ident, frame.get(), 0, parent));
+    if (parent != MMM_root_frame) MMM_frame_add_child(parent, frame.get());
+    MEV_enter_frame(frame.get());
+    return frame.take();
 }
 
 Cell builtin_frame(Cell e, int context, unsigned flags, Cell) {
     Cell held = nullptr;
-    Cell x = MMM_retained(e);
     bool done;
-    try {
-        done = MEV_check_hold(&x, context, flags, &held, 100);
-    } catch (...) {
-        MMM_release(x);
-        throw;
+    {
+        MMM_ref x(MMM_retained(e));
+        done = MEV_check_hold(x.slot(), context, flags, &held, 100);
     }
-    MMM_release(x);
     if (done) return held;
     if (MEV_nargs(e) > 1) MER_raise(MER_WRONG_ARG_COUNT, "_frame");
     if (MEV_nargs(e) == 0) return MMM_retained(MMM_current_frame);
@@ -191,16 +169,8 @@ Cell MEV_enter_frame_path(std::string_view path) {
         const size_t cut = path.find("::");
         const std::string_view piece = path.substr(0, cut);
         if (piece.empty()) break;
-        Cell ident = MMM_ident_named(piece);
-        Cell frame;
-        try {
-            frame = enter_named(ident);
-        } catch (...) {
-            MMM_release(ident);
-            throw;
-        }
-        MMM_release(ident);
-        MMM_release(frame);
+        MMM_ref ident(MMM_ident_named(piece));
+        MMM_release(enter_named(ident.get()));
         if (cut == std::string_view::npos) break;
         path.remove_prefix(cut + 2);
     }

@@ -14,6 +14,7 @@
 #include "MEV_eval.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 #include "MOU_print.h"
 #include "MSY_process.h"
@@ -253,15 +254,8 @@ void run_protecterror(Cell ident) {
     MMM_children(call)[1] = MMM_retained(ident);
     MMM_children(call)[2] = MMM_retained(write_text);
     MMM_sign(call);
-    Cell r = nullptr;
-    try {
-        r = MEV_eval(call, MEV_CONTEXT_ARGUMENT, MEV_ARGS_FLAT);
-    } catch (...) {
-        MMM_release(call);
-        throw;
-    }
-    MMM_release(r);
-    MMM_release(call);
+    MMM_ref owned(call);
+    MMM_release(MEV_eval(call, MEV_CONTEXT_ARGUMENT, MEV_ARGS_FLAT));
 }
 
 int level_of_word(Cell word) {
@@ -278,34 +272,20 @@ Cell builtin_protected(Cell e, int context, unsigned flags, Cell) {
     MEV_need_args(e, 1, 2);
     const bool evaluated = flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE);
     Cell x = MMM_child(e, 1);
-    Cell id = is_ident(x) || evaluated ? MMM_retained(x) : MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0);
-    if (!is_ident(id)) {
-        MMM_release(id);
-        MER_raise(MER_ILLEGAL_OPERAND, "protected");
-    }
+    MMM_ref owned_id(is_ident(x) || evaluated ? MMM_retained(x) : MEV_eval(x, MEV_CONTEXT_ARGUMENT, 0));
+    Cell id = owned_id.get();
+    if (!is_ident(id)) MER_raise(MER_ILLEGAL_OPERAND, "protected");
     const int level = MMM_protection(id);
     Cell former = MEV_protection_word(level);
-    if (MMM_child_count(e) == 2) {
-        MMM_release(id);
-        return MMM_retained(former);
-    }
-    Cell w = evaluated ? MMM_retained(MMM_child(e, 2)) : nullptr;
-    try {
-        if (!w) w = MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0);
-        const int wanted = level_of_word(w);
-        if (wanted < 0) MER_raise(MER_ILLEGAL_ARGUMENT, "protected");
-        if (level == MMM_PROTECT_KERNEL) MER_raise(MER_PROTECTED, "protected", std::string(MMM_ident_text(id)).c_str());
-        Cell b = MMM_binding_find(id, MMM_current_frame);
-        if (!b) b = MMM_binding_make(id, MMM_current_frame);
-        MMM_binding_set_level(b, wanted);
-        MMM_sign(b);
-    } catch (...) {
-        MMM_release(w);
-        MMM_release(id);
-        throw;
-    }
-    MMM_release(w);
-    MMM_release(id);
+    if (MMM_child_count(e) == 2) return MMM_retained(former);
+    MMM_ref w(evaluated ? MMM_retained(MMM_child(e, 2)) : MEV_eval(MMM_child(e, 2), MEV_CONTEXT_ARGUMENT, 0));
+    const int wanted = level_of_word(w.get());
+    if (wanted < 0) MER_raise(MER_ILLEGAL_ARGUMENT, "protected");
+    if (level == MMM_PROTECT_KERNEL) MER_raise(MER_PROTECTED, "protected", std::string(MMM_ident_text(id)).c_str());
+    Cell b = MMM_binding_find(id, MMM_current_frame);
+    if (!b) b = MMM_binding_make(id, MMM_current_frame);
+    MMM_binding_set_level(b, wanted);
+    MMM_sign(b);
     return MMM_retained(former);
 }
 

@@ -18,6 +18,7 @@
 #include "MMM_containers.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MPA_reader.h"
 #include "MSY_process.h"
@@ -166,6 +167,7 @@ Cell eval_ident(Cell c, int context, unsigned flags) {
         MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXLEVEL");
     }
     if (MEV_depth + 1 < MEV_level) {
+        MMM_ref owned(value);
         ++MEV_depth;
         Cell result;
         try {
@@ -175,7 +177,6 @@ Cell eval_ident(Cell c, int context, unsigned flags) {
             throw;
         }
         --MEV_depth;
-        MMM_release(value);
         return result;
     }
     return value;
@@ -307,100 +308,68 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
     const MFN_routine routine = MMM_code_routine(code);
     // Each built-in finds its own name as the operator of its expression.
     Cell name = MMM_child(MMM_child(exec, MFN_EXEC_TEXT), 0);
-    Cell e;
-    if (is_ident(MMM_child(expr, 0)) && MMM_child(MMM_child(expr, 0), 0) == name) {
-        e = MMM_retained(expr);
-    } else {
-        e = with_operator(expr, MMM_ident(name));
-    }
+    MMM_ref e(is_ident(MMM_child(expr, 0)) && MMM_child(MMM_child(expr, 0), 0) == name
+                  ? MMM_retained(expr)
+                  : with_operator(expr, MMM_ident(name)));
     if (record && record->raw) {
-        Cell r;
-        try {
-            r = routine(e, context, flags, exec);
+        MMM_ref r(routine(e.get(), context, flags, exec));
 #ifdef TORVA_CHECK
-            if (record->min_args >= 0) MEV_check_declared_args(record, e);
+        if (record->min_args >= 0) MEV_check_declared_args(record, e.get());
 #endif
-        } catch (...) {
-            MMM_release(e);
-            throw;
-        }
-        MMM_release(e);
-        return r;
+        return r.take();
     }
     Cell result = nullptr;
-    try {
-        if (MEV_builtin_front(&e, context, flags, exec, MFN_front_of_code(code), &result)) {
-            MMM_release(e);
-            return result;
-        }
-        if (!routine) return e;  // no body yet: the call stays as it is
-        if (record && record->min_args >= 0)
-            MEV_need_args(e, record->min_args, record->max_args < 0 ? LONG_MAX : record->max_args);
-        result = routine(e, context, flags | MEV_ARGS_FLAT, exec);
-    } catch (...) {
-        MMM_release(e);
-        throw;
-    }
-    MMM_release(e);
-    return result;
+    if (MEV_builtin_front(e.slot(), context, flags, exec, MFN_front_of_code(code), &result)) return result;
+    if (!routine) return e.take();  // no body yet: the call stays as it is
+    if (record && record->min_args >= 0)
+        MEV_need_args(e.get(), record->min_args, record->max_args < 0 ? LONG_MAX : record->max_args);
+    return routine(e.get(), context, flags | MEV_ARGS_FLAT, exec);
 }
 
 Cell eval_expr(Cell c, int context, unsigned flags) {
     if (MSY_stack_nearly_full()) MER_raise(MER_RECURSIVE_DEFINITION, "expression nested too deeply");
-    Cell op;
-    if (flags & MEV_OPERATOR_DONE) {
-        op = MMM_retained(MMM_child(c, 0));
-        flags &= ~MEV_OPERATOR_DONE;
-    } else {
-        op = MEV_eval(MMM_child(c, 0), MEV_CONTEXT_FREE, 0);
-    }
-    if (MMM_category(op) == DOM_FUNC_ENV) {
-        Cell evaluator = MMM_retained(MMM_child(op, MFN_ENV_EVALUATOR));
-        MMM_release(op);
-        op = evaluator;
-    }
+    MMM_ref owned_op(flags & MEV_OPERATOR_DONE ? MMM_retained(MMM_child(c, 0))
+                                               : MEV_eval(MMM_child(c, 0), MEV_CONTEXT_FREE, 0));
+    flags &= ~MEV_OPERATOR_DONE;
+    if (MMM_category(owned_op.get()) == DOM_FUNC_ENV)
+        owned_op.reset(MMM_retained(MMM_child(owned_op.get(), MFN_ENV_EVALUATOR)));
+    Cell op = owned_op.get();
     Cell result = nullptr;
-    try {
-        switch (MMM_category(op)) {
-        case DOM_IDENT:
-            if (is_constant_name(op)) {
-                result = MMM_retained(op);
-            } else if (MEV_depth < MEV_level) {
-                Cell args = symbolic_args(c, flags);
-                if (args && MMM_child(args, 0) != op) {
-                    Cell r = with_operator(args, MMM_retained(op));
-                    MMM_release(args);
-                    args = r;
-                }
-                result = args ? args : MMM_retained(c);
-            } else {
-                result = MMM_retained(c);
-            }
-            break;
-        case DOM_EXEC:
-            result = call_builtin(c, context, flags, op);
-            break;
-        case DOM_PROC:
-            if (!MEV_procedure_hooks.call) MER_raise(MER_NOT_IMPLEMENTED, "procedure call");
-            result = MEV_procedure_hooks.call(c, context, flags, op);
-            break;
-        case DOM_EXPR: {
-            // A functional expression: (f + g)(x) applies the operator's operator.
-            MEV_check_legal(MEV_CONTEXT_ARGUMENT, op);
+    switch (MMM_category(op)) {
+    case DOM_IDENT:
+        if (is_constant_name(op)) {
+            result = MMM_retained(op);
+        } else if (MEV_depth < MEV_level) {
             Cell args = symbolic_args(c, flags);
-            result = with_operator(args, MMM_retained(op));
-            MMM_release(args);
-            break;
+            if (args && MMM_child(args, 0) != op) {
+                Cell r = with_operator(args, MMM_retained(op));
+                MMM_release(args);
+                args = r;
+            }
+            result = args ? args : MMM_retained(c);
+        } else {
+            result = MMM_retained(c);
         }
-        default:
-            // Any other value called gives itself: 2(x) is 2.
-            result = (flags & MEV_HOLD) ? MMM_retained(c) : MMM_retained(op);
-        }
-    } catch (...) {
-        MMM_release(op);
-        throw;
+        break;
+    case DOM_EXEC:
+        result = call_builtin(c, context, flags, op);
+        break;
+    case DOM_PROC:
+        if (!MEV_procedure_hooks.call) MER_raise(MER_NOT_IMPLEMENTED, "procedure call");
+        result = MEV_procedure_hooks.call(c, context, flags, op);
+        break;
+    case DOM_EXPR: {
+        // A functional expression: (f + g)(x) applies the operator's operator.
+        MEV_check_legal(MEV_CONTEXT_ARGUMENT, op);
+        Cell args = symbolic_args(c, flags);
+        result = with_operator(args, MMM_retained(op));
+        MMM_release(args);
+        break;
     }
-    MMM_release(op);
+    default:
+        // Any other value called gives itself: 2(x) is 2.
+        result = (flags & MEV_HOLD) ? MMM_retained(c) : MMM_retained(op);
+    }
     return result;
 }
 
@@ -567,64 +536,55 @@ bool MEV_flatten(Cell* expr, int mode) {
 }
 
 Cell MEV_eval_args(Cell expr, unsigned arg_flags, int context, int flatten_mode, unsigned flags, int* ext_position) {
-    Cell e = MMM_retained(expr);
+    MMM_ref owned(MMM_retained(expr));
+    Cell& e = *owned.slot();  // the call, rewritten in place as operands are replaced
     *ext_position = 0;
     const bool keep_nulls = (arg_flags & MEV_KEEP_NULLS) && MMM_child_count(expr) <= 3;
     bool fresh = false;
-    try {
-        for (long i = 1; i < MMM_child_count(e);) {
-            Cell operand = MMM_child(e, i);
-            Cell v = MEV_eval(operand, MEV_CONTEXT_ARGUMENT, flags);
-            if ((arg_flags & MEV_STOP_AT_FAIL) && v == MMM_FAIL) {
-                MMM_release(v);
-                MMM_release(e);
+    for (long i = 1; i < MMM_child_count(e);) {
+        Cell operand = MMM_child(e, i);
+        MMM_ref v(MEV_eval(operand, MEV_CONTEXT_ARGUMENT, flags));
+        if ((arg_flags & MEV_STOP_AT_FAIL) && v.get() == MMM_FAIL) {
+            *ext_position = -1;
+            return nullptr;
+        }
+        if (v.get() == MMM_NULL && !keep_nulls && !((arg_flags & MEV_KEEP_FIRST_NULL) && i == 1)) {
+            v.reset();
+            MMM_clone(&e);
+            fresh = true;
+            const long n = MMM_child_count(e);
+            MMM_release(MMM_children(e)[i]);
+            MMM_move_children(e, i + 1, e, i, n - i - 1);
+            MMM_children(e)[n - 1] = nullptr;
+            MMM_resize_children(&e, n - 1);
+            continue;
+        }
+        if (v.get() != operand) {
+            MMM_clone(&e);
+            fresh = true;
+            MMM_release(MMM_children(e)[i]);
+            MMM_children(e)[i] = v.take();
+        }
+        if (!*ext_position && MMM_category(MMM_child(e, i)) == DOM_EXT) *ext_position = int(i);
+        ++i;
+    }
+    const int mode = flatten_mode + (associative(context) ? 1 : 0);
+    if (MEV_flatten(&e, mode)) {
+        *ext_position = 0;
+        for (long i = 1; i < MMM_child_count(e); ++i) {
+            Cell x = MMM_child(e, i);
+            if (!*ext_position && MMM_category(x) == DOM_EXT) *ext_position = int(i);
+            if ((arg_flags & MEV_STOP_AT_FAIL) && x == MMM_FAIL) {
                 *ext_position = -1;
                 return nullptr;
             }
-            if (v == MMM_NULL && !keep_nulls && !((arg_flags & MEV_KEEP_FIRST_NULL) && i == 1)) {
-                MMM_release(v);
-                MMM_clone(&e);
-                fresh = true;
-                const long n = MMM_child_count(e);
-                MMM_release(MMM_children(e)[i]);
-                MMM_move_children(e, i + 1, e, i, n - i - 1);
-                MMM_children(e)[n - 1] = nullptr;
-                MMM_resize_children(&e, n - 1);
-                continue;
-            }
-            if (v == operand) {
-                MMM_release(v);
-            } else {
-                MMM_clone(&e);
-                fresh = true;
-                MMM_release(MMM_children(e)[i]);
-                MMM_children(e)[i] = v;
-            }
-            if (!*ext_position && MMM_category(MMM_child(e, i)) == DOM_EXT) *ext_position = int(i);
-            ++i;
         }
-        const int mode = flatten_mode + (associative(context) ? 1 : 0);
-        if (MEV_flatten(&e, mode)) {
-            *ext_position = 0;
-            for (long i = 1; i < MMM_child_count(e); ++i) {
-                Cell x = MMM_child(e, i);
-                if (!*ext_position && MMM_category(x) == DOM_EXT) *ext_position = int(i);
-                if ((arg_flags & MEV_STOP_AT_FAIL) && x == MMM_FAIL) {
-                    MMM_release(e);
-                    *ext_position = -1;
-                    return nullptr;
-                }
-            }
-        } else if (fresh) {
-            MMM_sign(e);
-        }
-        if (!MER_pending && *ext_position == 0)
-            for (long i = 1; i < MMM_child_count(e); ++i) MEV_check_legal(context, MMM_child(e, i));
-    } catch (...) {
-        MMM_release(e);
-        throw;
+    } else if (fresh) {
+        MMM_sign(e);
     }
-    return e;
+    if (!MER_pending && *ext_position == 0)
+        for (long i = 1; i < MMM_child_count(e); ++i) MEV_check_legal(context, MMM_child(e, i));
+    return owned.take();
 }
 
 bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const MFN_front& front, Cell* result) {
