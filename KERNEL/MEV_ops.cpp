@@ -20,6 +20,7 @@
 #include "MMM_containers.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 
@@ -27,52 +28,17 @@ MEV_domain_hooks_record MEV_domain_hooks;
 
 namespace {
 
-// Holds a reference for the length of a scope, errors included.
-struct Owned {
-    Cell c;
-    explicit Owned(Cell x = nullptr) : c(x) {}
-    ~Owned() { MMM_release(c); }
-    Owned(const Owned&) = delete;
-    Owned& operator=(const Owned&) = delete;
-    void reset(Cell x) {
-        MMM_release(c);
-        c = x;
-    }
-    Cell take() {
-        Cell x = c;
-        c = nullptr;
-        return x;
-    }
-};
-
-// Owned cells gathered for a result; released unless taken.
-struct OwnedList {
-    std::vector<Cell> cells;
-    OwnedList() = default;
-    OwnedList(const OwnedList&) = delete;
-    OwnedList& operator=(const OwnedList&) = delete;
-    ~OwnedList() {
-        for (Cell c : cells) MMM_release(c);
-    }
-};
-
 Cell unsimplified = nullptr;  // the identifier Unsimplified (a root)
 
 // ---- values made here ----
 
 // None gives NULL, one the operand itself, more a _exprseq. The cells are taken over.
-Cell sequence_of(OwnedList& items) {
-    std::vector<Cell>& v = items.cells;
-    if (v.empty()) return MMM_retained(MMM_NULL);
-    if (v.size() == 1) {
-        Cell c = v[0];
-        v.clear();
-        return c;
-    }
-    Cell s = MMM_make_expr(long(v.size()) + 1);
+Cell sequence_of(std::vector<MMM_ref>& items) {
+    if (items.empty()) return MMM_retained(MMM_NULL);
+    if (items.size() == 1) return items[0].take();
+    Cell s = MMM_make_expr(long(items.size()) + 1);
     MMM_children(s)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-    for (size_t i = 0; i < v.size(); ++i) MMM_children(s)[i + 1] = v[i];
-    v.clear();
+    for (size_t i = 0; i < items.size(); ++i) MMM_children(s)[i + 1] = items[i].take();
     MMM_sign(s);
     return s;
 }
@@ -101,8 +67,8 @@ bool is_equation(Cell x) {
 }
 
 Cell operands_as_value(Cell e, long from, long to) {
-    OwnedList items;
-    for (long i = from; i <= to; ++i) items.cells.push_back(MMM_retained(MEV_arg(e, i)));
+    std::vector<MMM_ref> items;
+    for (long i = from; i <= to; ++i) items.emplace_back(MMM_retained(MEV_arg(e, i)));
     return sequence_of(items);
 }
 
@@ -183,20 +149,20 @@ Cell number_op(Cell x, long i) {
 }
 Cell number_replace(Cell x, long i, Cell v) {
     if (i != 1 && i != 2) no_operand();
-    Owned first(i == 1 ? MMM_retained(v) : number_op(x, 1));
-    Owned second(i == 2 ? MMM_retained(v) : number_op(x, 2));
+    MMM_ref first(i == 1 ? MMM_retained(v) : number_op(x, 1));
+    MMM_ref second(i == 2 ? MMM_retained(v) : number_op(x, 2));
     const bool rational = MMM_category(x) == DOM_RAT;
-    if (MAR_is_number(first.c) && MAR_is_number(second.c)) {
-        if (rational) return MAR_divide(first.c, second.c);
-        Owned imaginary(MAR_binop(second.c, MAR_I, nullptr, MAR_MULTIPLY));
-        return MAR_binop(first.c, imaginary.c, nullptr, MAR_ADD);
+    if (MAR_is_number(first.get()) && MAR_is_number(second.get())) {
+        if (rational) return MAR_divide(first.get(), second.get());
+        MMM_ref imaginary(MAR_binop(second.get(), MAR_I, nullptr, MAR_MULTIPLY));
+        return MAR_binop(first.get(), imaginary.get(), nullptr, MAR_ADD);
     }
     if (rational) {
-        Owned inverse(call_of(MFN_ID_POWER, {second.c, MAR_MINUS_ONE}));
-        return call_of(MFN_ID_MULT, {first.c, inverse.c});
+        MMM_ref inverse(call_of(MFN_ID_POWER, {second.get(), MAR_MINUS_ONE}));
+        return call_of(MFN_ID_MULT, {first.get(), inverse.get()});
     }
-    Owned imaginary(call_of(MFN_ID_MULT, {second.c, MAR_I}));
-    return call_of(MFN_ID_PLUS, {first.c, imaginary.c});
+    MMM_ref imaginary(call_of(MFN_ID_MULT, {second.get(), MAR_I}));
+    return call_of(MFN_ID_PLUS, {first.get(), imaginary.get()});
 }
 
 // Procedure variables: depth and index.
@@ -257,14 +223,9 @@ Cell array_op(Cell x, long i) {
 }
 Cell array_replace(Cell x, long i, Cell v) {
     if (i < 1 || i > MMM_array_size(x)) no_operand();
-    Cell y = MMM_retained(x);
-    try {
-        MMM_array_set(&y, i - 1, v == MMM_NULL ? nullptr : v);
-    } catch (...) {
-        MMM_release(y);
-        throw;
-    }
-    return y;
+    MMM_ref y(MMM_retained(x));
+    MMM_array_set(y.slot(), i - 1, v == MMM_NULL ? nullptr : v);
+    return y.take();
 }
 
 // Sets: the elements in walk order; a replacement goes in by the rule of sets.
@@ -276,11 +237,11 @@ Cell set_op(Cell x, long i) {
 Cell set_replace(Cell x, long i, Cell v) {
     Cell key, value;
     if (!table_entry(MMM_child(x, 0), i, &key, &value)) no_operand();
-    Owned y(writable(x));
-    Cell& t = MMM_children(y.c)[0];
+    MMM_ref y(writable(x));
+    Cell& t = MMM_children(y.get())[0];
     MMM_table_remove(&t, key);
     MMM_set_insert(&t, v);
-    MMM_sign(y.c);
+    MMM_sign(y.get());
     return y.take();
 }
 
@@ -298,16 +259,16 @@ Cell table_replace(Cell x, long i, Cell v) {
     Cell key, value;
     if (!table_entry(MMM_child(x, 0), i, &key, &value)) no_operand();
     if (v != MMM_NULL && !is_equation(v)) MER_raise(MER_ILLEGAL_ARGUMENT, "subsop");
-    Owned y(writable(x));
-    Cell& t = MMM_children(y.c)[0];
+    MMM_ref y(writable(x));
+    Cell& t = MMM_children(y.get())[0];
     MMM_table_remove(&t, key);
     // The key is what stands before the last operand; an equation that lost its value to
     // NULL makes no entry.
     if (v != MMM_NULL && MEV_nargs(v) >= 2) {
-        Owned new_key(operands_as_value(v, 1, MEV_nargs(v) - 1));
-        MMM_table_set(&t, new_key.c, MEV_arg(v, MEV_nargs(v)));
+        MMM_ref new_key(operands_as_value(v, 1, MEV_nargs(v) - 1));
+        MMM_table_set(&t, new_key.get(), MEV_arg(v, MEV_nargs(v)));
     }
-    MMM_sign(y.c);
+    MMM_sign(y.get());
     return y.take();
 }
 
@@ -349,11 +310,11 @@ Cell expr_replace(Cell x, long i, Cell v) {
 // A domain element answers nops through its domain's slot when it has one.
 long ext_nops(Cell x) {
     if (MEV_domain_hooks.slot && MEV_domain_hooks.call && MMM_child_count(x) >= 1) {
-        Owned slot(MEV_domain_hooks.slot(MMM_child(x, 0), "nops"));
-        if (slot.c && slot.c != MMM_FAIL) {
-            Owned n(MEV_domain_hooks.call(slot.c, x, nullptr));
-            if (!n.c || MMM_category(n.c) != DOM_INT) MER_raise(MER_ILLEGAL_OPERAND, "nops");
-            return MAR_small_int(n.c);
+        MMM_ref slot(MEV_domain_hooks.slot(MMM_child(x, 0), "nops"));
+        if (slot.get() && slot.get() != MMM_FAIL) {
+            MMM_ref n(MEV_domain_hooks.call(slot.get(), x, nullptr));
+            if (!n.get() || MMM_category(n.get()) != DOM_INT) MER_raise(MER_ILLEGAL_OPERAND, "nops");
+            return MAR_small_int(n.get());
         }
     }
     return expr_nops(x);
@@ -418,10 +379,10 @@ Cell replaced(Cell x, long i, Cell v, bool ext) { return rules_for(x, ext).repla
 // All operands, from 1 on, as a sequence.
 Cell all_operands(Cell x, bool ext) {
     const long n = count_of(x, ext);
-    OwnedList items;
+    std::vector<MMM_ref> items;
     for (long i = 1; i <= n; ++i) {
         Cell c = operand_of(x, i, ext);
-        items.cells.push_back(c ? c : MMM_retained(MMM_FAIL));
+        items.emplace_back(c ? c : MMM_retained(MMM_FAIL));
     }
     return sequence_of(items);
 }
@@ -451,21 +412,21 @@ Cell operand_at(Cell x, Cell index, const char* who, bool ext) {
         if (a < 0 || b < 0) return MMM_retained(MMM_FAIL);
         if (b < a) return MMM_retained(MMM_NULL);
         if (a == b) return single_operand(x, a, ext);
-        OwnedList items;
+        std::vector<MMM_ref> items;
         for (long i = a; i <= b; ++i) {
             Cell c = operand_of(x, i, ext);
             if (!c) return MMM_retained(MMM_FAIL);
-            items.cells.push_back(c);
+            items.emplace_back(c);
         }
         return sequence_of(items);
     }
     if (cat == DOM_LIST) {
-        Owned v(MMM_retained(x));
+        MMM_ref v(MMM_retained(x));
         for (long k = 0; k < MMM_child_count(index); ++k) {
             Cell step = MMM_child(index, k);
             if (MMM_category(step) != DOM_INT && MMM_category(step) != CAT_BIG_INT && !MMM_is_call_of(step, MFN_ID_RANGE))
                 MER_raise(MER_ILLEGAL_ARGUMENT, who);
-            v.reset(operand_at(v.c, step, who, ext));
+            v.reset(operand_at(v.get(), step, who, ext));
         }
         return v.take();
     }
@@ -498,10 +459,10 @@ Cell replace_path(Cell x, const std::vector<long>& path, size_t k, Cell v, bool 
     const long i = path[k];
     if (i < 0) no_operand();
     if (k + 1 == path.size()) return replaced(x, i, v, ext);
-    Owned inner(operand_of(x, i, ext));
-    if (!inner.c) no_operand();
-    Owned changed(replace_path(inner.c, path, k + 1, v, ext));
-    return replaced(x, i, changed.c, ext);
+    MMM_ref inner(operand_of(x, i, ext));
+    if (!inner.get()) no_operand();
+    MMM_ref changed(replace_path(inner.get(), path, k + 1, v, ext));
+    return replaced(x, i, changed.get(), ext);
 }
 
 // The positions of the left side of a substitution: an integer or a list of them.
@@ -522,13 +483,13 @@ std::vector<long> substitution_path(Cell lhs) {
 
 // The substitutions of subsop and extsubsop, applied left to right to x.
 Cell substitute(Cell e, long last, const char* who, bool ext) {
-    Owned x(MMM_retained(MEV_arg(e, 1)));
+    MMM_ref x(MMM_retained(MEV_arg(e, 1)));
     for (long k = 2; k <= last; ++k) {
         Cell s = MEV_arg(e, k);
         if (!is_equation(s)) MER_raise(MER_ILLEGAL_ARGUMENT, who);
         const std::vector<long> path = substitution_path(MEV_arg(s, 1));
-        Owned v(operands_as_value(s, 2, MEV_nargs(s)));
-        x.reset(replace_path(x.c, path, 0, v.c, ext));
+        MMM_ref v(operands_as_value(s, 2, MEV_nargs(s)));
+        x.reset(replace_path(x.get(), path, 0, v.get(), ext));
     }
     return x.take();
 }
@@ -538,9 +499,9 @@ Cell builtin_subsop(Cell e, int, unsigned, Cell) {
     long last = MEV_nargs(e);
     const bool simplify = !(last > 1 && MEV_arg(e, last) == unsimplified);
     if (!simplify) --last;
-    Owned r(substitute(e, last, "subsop", false));
+    MMM_ref r(substitute(e, last, "subsop", false));
     if (!simplify || last == 1) return r.take();
-    return MEV_eval(r.c, MEV_CONTEXT_ARGUMENT, 0);
+    return MEV_eval(r.get(), MEV_CONTEXT_ARGUMENT, 0);
 }
 
 // extsubsop works on the children of a domain element only, and seals the result without
@@ -569,15 +530,15 @@ Cell eval_one_level_less(Cell x) {
 
 // The slot `type` of the function environment an expression's head evaluates to, or
 // null (borrowed from the environment's attribute table, kept alive by `head`).
-Cell function_type(Cell x, Owned& head) {
+Cell function_type(Cell x, MMM_ref& head) {
     if (!MMM_is_node(x, DOM_EXPR)) return nullptr;
     head.reset(MEV_eval(MMM_child(x, 0), MEV_CONTEXT_FREE, 0));
-    if (!head.c || !MMM_is_node(head.c, DOM_FUNC_ENV) || MMM_child_count(head.c) < MFN_ENV_COUNT) return nullptr;
-    Cell attributes = MMM_child(head.c, MFN_ENV_ATTRIBUTES);
+    if (!head.get() || !MMM_is_node(head.get(), DOM_FUNC_ENV) || MMM_child_count(head.get()) < MFN_ENV_COUNT) return nullptr;
+    Cell attributes = MMM_child(head.get(), MFN_ENV_ATTRIBUTES);
     if (!MMM_is_node(attributes, DOM_TABLE)) return nullptr;
-    Owned key(MMM_string_value("type"));
+    MMM_ref key(MMM_string_value("type"));
     Cell found = nullptr;
-    MMM_table_find(MMM_child(attributes, MMM_TABLE_HASH), key.c, &found);
+    MMM_table_find(MMM_child(attributes, MMM_TABLE_HASH), key.get(), &found);
     return found;
 }
 
@@ -585,13 +546,13 @@ Cell builtin_type(Cell e, int context, unsigned flags, Cell) {
     Cell held;
     if (MEV_held(e, context, flags, &held)) return held;
     if (MEV_nargs(e) != 1) MER_raise(MER_WRONG_ARG_COUNT, "type");
-    Owned x(eval_one_level_less(MEV_arg(e, 1)));
-    if (MMM_is_node(x.c, DOM_EXPR)) {
-        Owned head;
-        if (Cell t = function_type(x.c, head)) return MMM_retained(t);
+    MMM_ref x(eval_one_level_less(MEV_arg(e, 1)));
+    if (MMM_is_node(x.get(), DOM_EXPR)) {
+        MMM_ref head;
+        if (Cell t = function_type(x.get(), head)) return MMM_retained(t);
         return MMM_string_value("function");
     }
-    return MEV_domain_of(x.c);
+    return MEV_domain_of(x.get());
 }
 
 Cell builtin_domtype(Cell e, int, unsigned, Cell) {
@@ -601,9 +562,9 @@ Cell builtin_domtype(Cell e, int, unsigned, Cell) {
 
 // The answer of a testtype slot: TRUE or FALSE decide, FAIL is none (null).
 Cell slot_answer(Cell slot, Cell x, Cell t) {
-    Owned r(MEV_domain_hooks.call(slot, x, t));
-    if (r.c == MMM_FAIL) return nullptr;
-    if (r.c != MMM_TRUE && r.c != MMM_FALSE) MER_raise(MER_ILLEGAL_RETURN_TYPE, "testtype");
+    MMM_ref r(MEV_domain_hooks.call(slot, x, t));
+    if (r.get() == MMM_FAIL) return nullptr;
+    if (r.get() != MMM_TRUE && r.get() != MMM_FALSE) MER_raise(MER_ILLEGAL_RETURN_TYPE, "testtype");
     return r.take();
 }
 
@@ -611,23 +572,23 @@ Cell builtin_testtype(Cell e, int context, unsigned flags, Cell) {
     Cell held;
     if (MEV_held(e, context, flags, &held)) return held;
     if (MEV_nargs(e) != 2) MER_raise(MER_WRONG_ARG_COUNT, "testtype");
-    Owned x(eval_one_level_less(MEV_arg(e, 1)));
-    Owned t(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
-    Owned domain(MEV_domain_of(x.c));
-    if (MCM_equal(t.c, domain.c)) return MMM_retained(MMM_TRUE);
-    if (MMM_is_node(t.c, DOM_STRING)) {
-        Owned head;
-        Cell type = function_type(x.c, head);
-        if (type && MCM_equal(type, t.c)) return MMM_retained(MMM_TRUE);
+    MMM_ref x(eval_one_level_less(MEV_arg(e, 1)));
+    MMM_ref t(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
+    MMM_ref domain(MEV_domain_of(x.get()));
+    if (MCM_equal(t.get(), domain.get())) return MMM_retained(MMM_TRUE);
+    if (MMM_is_node(t.get(), DOM_STRING)) {
+        MMM_ref head;
+        Cell type = function_type(x.get(), head);
+        if (type && MCM_equal(type, t.get())) return MMM_retained(MMM_TRUE);
     }
     if (!MEV_domain_hooks.slot || !MEV_domain_hooks.call) return MMM_retained(MMM_FALSE);
-    Owned own_slot(MEV_domain_hooks.slot(domain.c, "testtype"));
-    if (own_slot.c && own_slot.c != MMM_FAIL)
-        if (Cell r = slot_answer(own_slot.c, x.c, t.c)) return r;
-    Owned type_domain(MMM_is_node(t.c, DOM_DOMAIN) ? MMM_retained(t.c) : MEV_domain_of(t.c));
-    Owned type_slot(MEV_domain_hooks.slot(type_domain.c, "testtype"));
-    if (type_slot.c && type_slot.c != MMM_FAIL)
-        if (Cell r = slot_answer(type_slot.c, x.c, t.c)) return r;
+    MMM_ref own_slot(MEV_domain_hooks.slot(domain.get(), "testtype"));
+    if (own_slot.get() && own_slot.get() != MMM_FAIL)
+        if (Cell r = slot_answer(own_slot.get(), x.get(), t.get())) return r;
+    MMM_ref type_domain(MMM_is_node(t.get(), DOM_DOMAIN) ? MMM_retained(t.get()) : MEV_domain_of(t.get()));
+    MMM_ref type_slot(MEV_domain_hooks.slot(type_domain.get(), "testtype"));
+    if (type_slot.get() && type_slot.get() != MMM_FAIL)
+        if (Cell r = slot_answer(type_slot.get(), x.get(), t.get())) return r;
     return MMM_retained(MMM_FALSE);
 }
 

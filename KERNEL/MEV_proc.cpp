@@ -14,6 +14,7 @@
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 #include "MOU_print.h"
@@ -195,17 +196,9 @@ bool type_ok(Cell value, Cell type) {
     MMM_children(call)[1] = MMM_retained(value);
     MMM_children(call)[2] = MMM_retained(type);
     MMM_sign(call);
-    Cell r;
-    try {
-        r = MEV_eval(call, MEV_CONTEXT_ARGUMENT, MEV_ARGS_FLAT);
-    } catch (...) {
-        MMM_release(call);
-        throw;
-    }
-    MMM_release(call);
-    const bool ok = r != MMM_FALSE;
-    MMM_release(r);
-    return ok;
+    MMM_ref owned(call);
+    MMM_ref r(MEV_eval(call, MEV_CONTEXT_ARGUMENT, MEV_ARGS_FLAT));
+    return r.get() != MMM_FALSE;
 }
 
 std::string clipped(const std::string& text) { return text.size() > 80 ? text.substr(0, 77) + "..." : text; }
@@ -307,17 +300,13 @@ Cell evaluated_field(Cell field, long nparams) {
     if (field == MMM_NIL) return MMM_retained(field);
     if (nparams <= 1 || !MMM_is_call_of(field, MFN_ID_EXPRSEQ)) return MEV_eval_value(field, MEV_CONTEXT_STATEMENT, 0);
     const long n = MMM_child_count(field);
-    Cell out = MMM_new_node(DOM_EXPR, n);
-    for (long i = 0; i < n; ++i) MMM_children(out)[i] = nullptr;
-    MMM_children(out)[0] = MMM_retained(MMM_child(field, 0));
-    try {
-        for (long i = 1; i < n; ++i) MMM_children(out)[i] = MEV_eval_value(MMM_child(field, i), MEV_CONTEXT_STATEMENT, 0);
-    } catch (...) {
-        MMM_release(out);
-        throw;
-    }
-    MMM_sign(out);
-    return out;
+    MMM_ref out(MMM_new_node(DOM_EXPR, n));
+    Cell* c = MMM_children(out.get());
+    for (long i = 0; i < n; ++i) c[i] = nullptr;
+    c[0] = MMM_retained(MMM_child(field, 0));
+    for (long i = 1; i < n; ++i) c[i] = MEV_eval_value(MMM_child(field, i), MEV_CONTEXT_STATEMENT, 0);
+    MMM_sign(out.get());
+    return out.take();
 }
 
 // Everything a call changes in the evaluator and puts back at its end.
@@ -395,30 +384,24 @@ Cell MEV_procdef(Cell tree, bool closed) { return make_procedure(tree, closed, f
 Cell MEV_bind_closure(Cell proc, int, unsigned flags) {
     if ((flags & MEV_HOLD) || !is_proc(proc) || MMM_child(proc, MEV_PF_CLOSURE) != MMM_FAIL) return MMM_retained(proc);
     const long nparams = item_count(MMM_child(proc, MEV_PF_PARAMS));
-    Cell defaults = evaluated_field(MMM_child(proc, MEV_PF_DEFAULTS), nparams);
-    Cell types = nullptr, return_type = nullptr;
-    try {
-        types = evaluated_field(MMM_child(proc, MEV_PF_PARAM_TYPES), nparams);
-        return_type = evaluated_field(MMM_child(proc, MEV_PF_RETURN_TYPE), 1);
-    } catch (...) {
-        MMM_release(defaults);
-        MMM_release(types);
-        throw;
-    }
-    Cell p = MMM_retained(proc);
-    MMM_clone(&p);
-    Cell* c = MMM_children(p);
+    MMM_ref defaults(evaluated_field(MMM_child(proc, MEV_PF_DEFAULTS), nparams));
+    MMM_ref types(evaluated_field(MMM_child(proc, MEV_PF_PARAM_TYPES), nparams));
+    MMM_ref return_type(evaluated_field(MMM_child(proc, MEV_PF_RETURN_TYPE), 1));
+    MMM_ref p(MMM_retained(proc));
+    MMM_clone(p.slot());
+    Cell* c = MMM_children(p.get());
     MMM_release(c[MEV_PF_CLOSURE]);
+    c[MEV_PF_CLOSURE] = nullptr;
     c[MEV_PF_CLOSURE] =
-        !MEV_frame || (MMM_node_flags(p) & MEV_PROC_CLOSED) ? MMM_retained(MMM_NIL) : make_proc_env(MEV_frame);
+        !MEV_frame || (MMM_node_flags(p.get()) & MEV_PROC_CLOSED) ? MMM_retained(MMM_NIL) : make_proc_env(MEV_frame);
     MMM_release(c[MEV_PF_DEFAULTS]);
-    c[MEV_PF_DEFAULTS] = defaults;
+    c[MEV_PF_DEFAULTS] = defaults.take();
     MMM_release(c[MEV_PF_PARAM_TYPES]);
-    c[MEV_PF_PARAM_TYPES] = types;
+    c[MEV_PF_PARAM_TYPES] = types.take();
     MMM_release(c[MEV_PF_RETURN_TYPE]);
-    c[MEV_PF_RETURN_TYPE] = return_type;
-    MMM_sign(p);
-    return p;
+    c[MEV_PF_RETURN_TYPE] = return_type.take();
+    MMM_sign(p.get());
+    return p.take();
 }
 
 Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
@@ -436,29 +419,24 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     // 4. Held: the call stays as it is.
     if (flags & MEV_HOLD) return MMM_retained(expr);
     // 5. Arguments.
-    Cell args;
+    MMM_ref args;
     if (flags & MEV_ARGS_FLAT) {
-        args = MMM_retained(expr);
+        args.reset(MMM_retained(expr));
     } else if ((flags & MEV_ARGS_SPLICE) || (options & MEV_PROC_HOLD)) {
-        args = MMM_retained(expr);
-        MEV_flatten(&args, 2);
+        args.reset(MMM_retained(expr));
+        MEV_flatten(args.slot(), 2);
     } else {
         int ext = 0;
-        args = MEV_eval_args(expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
+        args.reset(MEV_eval_args(expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext));
     }
     // 7. The remember table, before any activation is made.
     const bool served = remember_served(call_name);
     Cell table = field[MEV_PF_REMEMBER];
     if (served && table != MMM_NIL) {
-        if (!is_cat(table, DOM_TABLE)) {
-            MMM_release(args);
-            MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
-        }
+        if (!is_cat(table, DOM_TABLE)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
         Cell found = nullptr;
-        if (MMM_table_lookup(MMM_child(table, MMM_TABLE_HASH), args, 1, &found) && found) {
-            MMM_release(args);
+        if (MMM_table_lookup(MMM_child(table, MMM_TABLE_HASH), args.get(), 1, &found) && found)
             return MMM_retained(found);
-        }
     }
     // 8. The body runs at LEVEL 1 from depth 0.
     CallerState caller;
@@ -469,7 +447,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     Cell frame = nullptr;
     bool frame_current = false;
     bool remember_now = false;
-    Cell result = nullptr;
+    MMM_ref result;
     try {
         // 9.
         if (options & MEV_PROC_NO_EXPOSE) check_hidden_body(field[MEV_PF_BODY]);
@@ -477,7 +455,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         const long nparams = item_count(field[MEV_PF_PARAMS]);
         const long nlocals = item_count(field[MEV_PF_LOCALS]);
         const long nsaved = item_count(field[MEV_PF_SAVED]);
-        const long nargs = MMM_child_count(args) - 1;
+        const long nargs = MMM_child_count(args.get()) - 1;
         // 11. The lexical parent and `dom`.
         Cell parent = nullptr;
         if (!(options & MEV_PROC_CLOSED) && is_cat(field[MEV_PF_CLOSURE], DOM_PROC_ENV))
@@ -516,7 +494,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
             c[MEV_AC_SAVED + 2 * k + 1] = MMM_retained(MMM_NIL);
         }
         // 14. Arguments.
-        for (long i = 0; i < nargs; ++i) c[first_arg + i] = MMM_retained(MMM_child(args, i + 1));
+        for (long i = 0; i < nargs; ++i) c[first_arg + i] = MMM_retained(MMM_child(args.get(), i + 1));
         // 15. Defaults for the missing ones.
         for (long k = nargs; k < nparams; ++k)
             if (Cell d = entry(field[MEV_PF_DEFAULTS], k, nparams)) c[first_arg + k] = MMM_retained(d);
@@ -531,19 +509,16 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         }
         // 18.
         remember_now = (options & MEV_PROC_REMEMBER) && served;
-        if (!remember_now) {
-            MMM_release(args);
-            args = nullptr;
-        }
+        if (!remember_now) args.reset();
         // 19. The body.
         Cell body = field[MEV_PF_BODY];
         MEV_value_pending = 0;
         if (body == MMM_NIL) {
-            result = MMM_retained(MMM_NULL);
+            result.reset(MMM_retained(MMM_NULL));
         } else {
-            result = MEV_eval(body, MEV_CONTEXT_STATEMENT, 0);
-            if (result) MEV_ring_enter(result);
-            else result = MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL);
+            result.reset(MEV_eval(body, MEV_CONTEXT_STATEMENT, 0));
+            if (result) MEV_ring_enter(result.get());
+            else result.reset(MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL));
         }
         // 20.
         MEV_frame_leave(frame);
@@ -552,7 +527,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         // 23.
         if (check && field[MEV_PF_RETURN_TYPE] != MMM_NIL) {
             MEV_type_check = 0;
-            check_result(frame, proc, result);
+            check_result(frame, proc, result.get());
             MEV_type_check = caller.type_check;
         }
         // 24. The caller's activation is current again.
@@ -564,9 +539,8 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
             MER_warn(MER_WARN_DEAD_CLOSURE, nullptr, name_text.c_str());
         // 25.
         if (remember_now) {
-            remember_store(proc, args, result);
-            MMM_release(args);
-            args = nullptr;
+            remember_store(proc, args.get(), result.get());
+            args.reset();
         }
     } catch (...) {
         // The activation is left as on a normal exit, so that whoever catches the error
@@ -579,14 +553,12 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
             MEV_frame = MMM_retained(MMM_child(frame, MEV_AC_CALLER));
             MEV_frame_close(frame, escape);
         }
-        MMM_release(args);
-        MMM_release(result);
         caller.restore();
         throw;
     }
     // 26.
     caller.restore();
-    return result;
+    return result.take();
 }
 
 // ---- public: locals ----
@@ -701,16 +673,12 @@ void MEV_frame_save(Cell ident) {
 void MEV_frame_leave(Cell frame) {
     Cell* c = MMM_children(frame);
     // Names saved in the body, the latest first, so that the earliest value stays.
-    Cell chain = c[MEV_AC_RESTORE];
-    c[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
-    try {
-        for (Cell t = chain; t && MMM_kind_of(t) == MMM_TRIPLE; t = MMM_child(t, 2))
+    {
+        MMM_ref chain(c[MEV_AC_RESTORE]);
+        c[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
+        for (Cell t = chain.get(); t && MMM_kind_of(t) == MMM_TRIPLE; t = MMM_child(t, 2))
             restore_name(MMM_child(t, 0), MMM_child(t, 1));
-    } catch (...) {
-        MMM_release(chain);
-        throw;
     }
-    MMM_release(chain);
     // Then the names of the header.
     Cell proc = c[MEV_AC_PROC];
     if (!proc) return;
@@ -721,15 +689,9 @@ void MEV_frame_leave(Cell frame) {
         if (marker != MMM_NIL) continue;  // never saved, or put back already
         MMM_release(marker);
         marker = nullptr;
-        Cell value = c[MEV_AC_SAVED + 2 * k];
+        MMM_ref value(c[MEV_AC_SAVED + 2 * k]);
         c[MEV_AC_SAVED + 2 * k] = nullptr;
-        try {
-            restore_name(item(saved, k), value);
-        } catch (...) {
-            MMM_release(value);
-            throw;
-        }
-        MMM_release(value);
+        restore_name(item(saved, k), value.get());
     }
 }
 
@@ -799,7 +761,8 @@ void MEV_name_procedure(Cell lhs, Cell value) {
 }
 
 bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
-    Cell proc = nullptr, made = nullptr;
+    Cell proc = nullptr;
+    MMM_ref made;
     if (is_proc(f)) {
         proc = f;
     } else if (is_cat(f, DOM_FUNC_ENV) && is_proc(MMM_child(f, MFN_ENV_EVALUATOR))) {
@@ -814,8 +777,8 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
         MMM_children(body)[0] = MMM_retained(MMM_var(0, 0));
         MMM_children(body)[1] = args_call;
         MMM_sign(body);
-        made = MMM_new_node(DOM_PROC, MEV_PF_COUNT);
-        Cell* c = MMM_children(made);
+        made.reset(MMM_new_node(DOM_PROC, MEV_PF_COUNT));
+        Cell* c = MMM_children(made.get());
         for (int i = 0; i < MEV_PF_COUNT; ++i) c[i] = MMM_retained(MMM_NIL);
         MMM_release(c[MEV_PF_CODE]);
         c[MEV_PF_CODE] = MMM_retained(call_code);
@@ -825,30 +788,16 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
         c[MEV_PF_REMEMBER] = MMM_make_table(0);
         MMM_release(c[MEV_PF_NAME]);
         c[MEV_PF_NAME] = MMM_retained(f);
-        MMM_set_node_flags(made, MEV_PROC_NORMALISED | MEV_PROC_REMEMBER | MEV_PROC_CLOSED);
-        MMM_sign(made);
-        try {
-            MMM_release(MMM_set_value(f, made, 0, MMM_current_frame));
-        } catch (...) {
-            MMM_release(made);
-            throw;
-        }
-        proc = made;
+        MMM_set_node_flags(made.get(), MEV_PROC_NORMALISED | MEV_PROC_REMEMBER | MEV_PROC_CLOSED);
+        MMM_sign(made.get());
+        MMM_release(MMM_set_value(f, made.get(), 0, MMM_current_frame));
+        proc = made.get();
     } else {
         return false;
     }
-    Cell args = nullptr;
-    try {
-        int ext = 0;
-        args = MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
-        remember_store(proc, args, value);
-    } catch (...) {
-        MMM_release(args);
-        MMM_release(made);
-        throw;
-    }
-    MMM_release(args);
-    MMM_release(made);
+    int ext = 0;
+    MMM_ref args(MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext));
+    remember_store(proc, args.get(), value);
     return true;
 }
 

@@ -11,6 +11,7 @@
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 
 namespace {
@@ -32,16 +33,8 @@ Cell sequence_of(const std::vector<Cell>& values) {
 // parser normally makes the procedure while it reads; this serves trees made otherwise.
 Cell builtin_procdef(Cell e, int context, unsigned flags, Cell) {
     if (flags & MEV_HOLD) return MMM_retained(e);
-    Cell p = MEV_procdef(e, false);
-    Cell r;
-    try {
-        r = MEV_bind_closure(p, context, flags);
-    } catch (...) {
-        MMM_release(p);
-        throw;
-    }
-    MMM_release(p);
-    return r;
+    MMM_ref p(MEV_procdef(e, false));
+    return MEV_bind_closure(p.get(), context, flags);
 }
 
 // args(), args(0), args(i), args(i..j): the arguments of the running call as supplied
@@ -101,7 +94,7 @@ Cell builtin_context(Cell e, int, unsigned flags, Cell) {
     if (MEV_nargs(e) == 0) return MMM_retained(MMM_NULL);
     if (!MEV_frame) MER_raise(MER_NOT_INTERACTIVE, nullptr);
     MEV_need_args(e, 1, 1);
-    Cell value = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+    MMM_ref value(MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0));
     Cell frame = MEV_frame;
     const int32_t level = MEV_level, depth = MEV_depth;
     MEV_frame = MMM_child(frame, MEV_AC_CALLER);
@@ -109,18 +102,16 @@ Cell builtin_context(Cell e, int, unsigned flags, Cell) {
     MEV_depth = 0;
     Cell r;
     try {
-        r = MEV_eval(value, MEV_CONTEXT_ARGUMENT, 0);
+        r = MEV_eval(value.get(), MEV_CONTEXT_ARGUMENT, 0);
     } catch (...) {
         MEV_frame = frame;
         MEV_level = level;
         MEV_depth = depth;
-        MMM_release(value);
         throw;
     }
     MEV_frame = frame;
     MEV_level = level;
     MEV_depth = depth;
-    MMM_release(value);
     return r;
 }
 

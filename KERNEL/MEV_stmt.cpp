@@ -15,6 +15,7 @@
 #include "MFN_layout.h"
 #include "MFN_table.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 
@@ -114,15 +115,11 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
     const int cat = MMM_category(*container);
     if (cat == DOM_LIST) {
         if (MEV_nargs(index_expr) != 2) MER_raise(MER_INVALID_INDEX, nullptr);
-        Cell index = MEV_eval(MEV_arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0);
         long i;
-        try {
-            i = list_index(*container, index);
-        } catch (...) {
-            MMM_release(index);
-            throw;
+        {
+            MMM_ref index(MEV_eval(MEV_arg(index_expr, 2), MEV_CONTEXT_ARGUMENT, 0));
+            i = list_index(*container, index.get());
         }
-        MMM_release(index);
         MMM_clone(container);
         Cell l = *container;
         if (!value || value == MMM_NULL) {
@@ -145,16 +142,13 @@ void write_at(Cell* container, Cell index_expr, Cell value) {
         return;
     }
     if (cat == DOM_TABLE) {
-        Cell evaluated = MMM_retained(index_expr);
+        MMM_ref evaluated(MMM_retained(index_expr));
         int ext = 0;
-        Cell args = MEV_eval_args(index_expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
-        MMM_release(evaluated);
-        Cell key = index_key(args);
-        MMM_release(args);
+        MMM_ref args(MEV_eval_args(index_expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext));
+        MMM_ref key(index_key(args.get()));
         MMM_clone(container);
-        if (!value || value == MMM_NULL) MMM_table_remove(&MMM_children(*container)[MMM_TABLE_HASH], key);
-        else MMM_table_set(&MMM_children(*container)[MMM_TABLE_HASH], key, value);
-        MMM_release(key);
+        if (!value || value == MMM_NULL) MMM_table_remove(&MMM_children(*container)[MMM_TABLE_HASH], key.get());
+        else MMM_table_set(&MMM_children(*container)[MMM_TABLE_HASH], key.get(), value);
         MMM_sign(*container);
         return;
     }
@@ -206,23 +200,19 @@ Cell take_for_writing(Cell target) {
 // path, and the variable is empty while they run.
 Cell evaluated_indices(Cell lhs) {
     const long n = MMM_child_count(lhs);
-    Cell out = MMM_make_expr(n);
-    for (long i = 0; i < n; ++i) MMM_children(out)[i] = i < 1 ? MMM_retained(MMM_child(lhs, i)) : nullptr;
-    try {
-        for (long i = 1; i < n; ++i) {
-            Cell h = MMM_make_expr(2);
-            MMM_children(h)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_HOLD));
-            MMM_children(h)[1] = nullptr;
-            MMM_children(out)[i] = h;
-            MMM_children(h)[1] = i == 1 ? MMM_retained(MMM_child(lhs, 1)) : MEV_eval(MMM_child(lhs, i), MEV_CONTEXT_ARGUMENT, 0);
-            MMM_sign(h);
-        }
-    } catch (...) {
-        MMM_release(out);
-        throw;
+    MMM_ref out(MMM_make_expr(n));
+    Cell* c = MMM_children(out.get());
+    for (long i = 0; i < n; ++i) c[i] = i < 1 ? MMM_retained(MMM_child(lhs, i)) : nullptr;
+    for (long i = 1; i < n; ++i) {
+        Cell h = MMM_make_expr(2);
+        MMM_children(h)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_HOLD));
+        MMM_children(h)[1] = nullptr;
+        c[i] = h;
+        MMM_children(h)[1] = i == 1 ? MMM_retained(MMM_child(lhs, 1)) : MEV_eval(MMM_child(lhs, i), MEV_CONTEXT_ARGUMENT, 0);
+        MMM_sign(h);
     }
-    MMM_sign(out);
-    return out;
+    MMM_sign(out.get());
+    return out.take();
 }
 
 // a[i] := v, and deeper paths a[i][j] := v.
@@ -230,41 +220,24 @@ void assign_index(Cell lhs, Cell value, unsigned flags) {
     Cell base = MEV_arg(lhs, 1);
     if (MMM_is_call_of(base, MFN_ID_INDEX)) {
         // a[i][j] := v: read a[i], write into it, and write it back at a[i].
-        Cell inner = MEV_eval(base, MEV_CONTEXT_ARGUMENT, 0);
-        try {
-            write_at(&inner, lhs, value);
-            assign_index(base, inner, flags);
-        } catch (...) {
-            MMM_release(inner);
-            throw;
-        }
-        MMM_release(inner);
+        MMM_ref inner(MEV_eval(base, MEV_CONTEXT_ARGUMENT, 0));
+        write_at(inner.slot(), lhs, value);
+        assign_index(base, inner.get(), flags);
         return;
     }
     if (MMM_category(base) != DOM_IDENT && MMM_category(base) != DOM_VAR) MER_raise(MER_INVALID_LHS, nullptr);
-    Cell path = evaluated_indices(lhs);
-    Cell container;
+    MMM_ref path(evaluated_indices(lhs));
+    MMM_ref container(take_for_writing(base));
+    // An unbound name becomes a table.
+    if (!container) container.reset(MMM_make_table(0));
     try {
-        container = take_for_writing(base);
+        write_at(container.slot(), path.get(), value);
     } catch (...) {
-        MMM_release(path);
+        // The variable gets its container back, whatever the failed write left.
+        assign_variable(base, container.get(), flags | MMM_SET_PRIVILEGED);
         throw;
     }
-    if (!container) {
-        // An unbound name becomes a table.
-        container = MMM_make_table(0);
-    }
-    try {
-        write_at(&container, path, value);
-    } catch (...) {
-        MMM_release(path);
-        assign_variable(base, container, flags | MMM_SET_PRIVILEGED);
-        MMM_release(container);
-        throw;
-    }
-    MMM_release(path);
-    assign_variable(base, container, flags);
-    MMM_release(container);
+    assign_variable(base, container.get(), flags);
 }
 
 void assign_to(Cell lhs, Cell value, unsigned flags);
@@ -277,32 +250,25 @@ void assign_list(Cell lhs, Cell value, unsigned flags) {
 // f(x) := v on a built-in stores a result of the function; on a procedure, or a name
 // without value, it goes to the remember table.
 void assign_call(Cell lhs, Cell value) {
-    Cell f = MEV_eval(MMM_child(lhs, 0), MEV_CONTEXT_FREE, 0);
+    MMM_ref owned_f(MEV_eval(MMM_child(lhs, 0), MEV_CONTEXT_FREE, 0));
+    Cell f = owned_f.get();
     if (MMM_category(f) != DOM_FUNC_ENV || MMM_category(MMM_child(f, MFN_ENV_EVALUATOR)) != DOM_EXEC) {
-        bool stored;
-        try {
-            stored = MEV_assign_remembered(lhs, f, value);
-        } catch (...) {
-            MMM_release(f);
-            throw;
-        }
-        MMM_release(f);
-        if (!stored) MER_raise(MER_INVALID_LHS, nullptr);
+        if (!MEV_assign_remembered(lhs, f, value)) MER_raise(MER_INVALID_LHS, nullptr);
         return;
     }
     int ext = 0;
-    Cell args = MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext);
-    Cell key = MMM_table_make_key(args, 1);
-    MMM_release(args);
+    MMM_ref key;
+    {
+        MMM_ref args(MEV_eval_args(lhs, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext));
+        key.reset(MMM_table_make_key(args.get(), 1));
+    }
     Cell& table = MMM_children(MMM_child(f, MFN_ENV_EVALUATOR))[MFN_EXEC_STORE];
     if (table == MMM_NIL) {
         MMM_release(table);
         table = MMM_make_table(0);
     }
-    MMM_table_set(&MMM_children(table)[MMM_TABLE_HASH], key, value);
+    MMM_table_set(&MMM_children(table)[MMM_TABLE_HASH], key.get(), value);
     MMM_sign(table);
-    MMM_release(key);
-    MMM_release(f);
 }
 
 void assign_to(Cell lhs, Cell value, unsigned flags) {
@@ -336,22 +302,14 @@ Cell stmt_assign(Cell e, int context, unsigned flags, unsigned set_flags) {
     Cell out;
     if (opening(e, flags, &out)) return out;
     if (MEV_nargs(e) != 2) MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
-    Cell value = (flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE))
-                     ? MMM_retained(MEV_arg(e, 2))
-                     : MEV_eval_value(MEV_arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0);
-    try {
-        MEV_name_procedure(MEV_arg(e, 1), value);
-        assign_to(MEV_arg(e, 1), value, set_flags);
-    } catch (...) {
-        MMM_release(value);
-        throw;
-    }
-    set_last_value(value);
-    if (context == MEV_CONTEXT_STATEMENT) {
-        MMM_release(value);
-        return nullptr;
-    }
-    return value;
+    MMM_ref value((flags & (MEV_ARGS_FLAT | MEV_ARGS_SPLICE))
+                      ? MMM_retained(MEV_arg(e, 2))
+                      : MEV_eval_value(MEV_arg(e, 2), context == MEV_CONTEXT_STATEMENT ? MEV_CONTEXT_FREE : context, 0));
+    MEV_name_procedure(MEV_arg(e, 1), value.get());
+    assign_to(MEV_arg(e, 1), value.get(), set_flags);
+    set_last_value(value.get());
+    if (context == MEV_CONTEXT_STATEMENT) return nullptr;
+    return value.take();
 }
 
 Cell stmt_assign_plain(Cell e, int context, unsigned flags, Cell) { return stmt_assign(e, context, flags, 0); }
@@ -389,25 +347,20 @@ Cell stmt_case(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
     if (MEV_nargs(e) < 1) MER_raise(MER_WRONG_ARG_COUNT, "_case");
-    Cell selector = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_FREE, 0);
     const long pairs = (MEV_nargs(e) - 1) / 2;
     const bool has_otherwise = (MEV_nargs(e) - 1) % 2 == 1;
     bool matched = false;
-    try {
+    {
+        MMM_ref selector(MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_FREE, 0));
         for (long p = 0; p < pairs && !MEV_control; ++p) {
             if (!matched) {
-                Cell v = MEV_eval(MEV_arg(e, 2 + 2 * p), MEV_CONTEXT_FREE, 0);
-                matched = MCM_equal(v, selector);
-                MMM_release(v);
+                MMM_ref v(MEV_eval(MEV_arg(e, 2 + 2 * p), MEV_CONTEXT_FREE, 0));
+                matched = MCM_equal(v.get(), selector.get());
             }
             if (matched) MEV_exec(MEV_arg(e, 3 + 2 * p));
         }
         if (has_otherwise && !MEV_control) MEV_exec(MEV_arg(e, MEV_nargs(e)));
-    } catch (...) {
-        MMM_release(selector);
-        throw;
     }
-    MMM_release(selector);
     consume_break();
     return closing(context);
 }
@@ -428,37 +381,24 @@ Cell stmt_for(Cell e, int context, unsigned flags, bool down) {
     if (MEV_nargs(e) != 5) MER_raise(MER_WRONG_ARG_COUNT, down ? "_for_down" : "_for");
     clear_last_value();
     Cell var = MEV_arg(e, 1);
-    Cell start = eval_real(MEV_arg(e, 2), MFN_ID_PLUS);
-    Cell step = nullptr, stop = nullptr;
-    try {
-        step = MEV_arg(e, 4) == MMM_NIL ? MMM_retained(MAR_ONE) : eval_real(MEV_arg(e, 4), MFN_ID_PLUS);
-        stop = eval_real(MEV_arg(e, 3), MFN_ID_PLUS);
-        check_loop_variable(var);
-        if (MAR_compare(step, MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
-        assign_variable(var, start, 0);
-        Cell counter = MMM_retained(start);
-        while ((down ? MAR_compare(counter, stop) >= 0 : MAR_compare(counter, stop) <= 0) && !MEV_control) {
-            MEV_exec(MEV_arg(e, 5));
-            MMM_release(counter);
-            counter = nullptr;
-            if (!read_back_real(var, &counter)) MER_raise(MER_MESSAGE, "_for", "Illegal assignment to loop variable");
-            Cell next = down ? MAR_subtract(counter, step) : MAR_binop(counter, step, nullptr, MAR_ADD);
-            MMM_release(counter);
-            counter = next;
-            consume_next();
-            if (!MEV_control) assign_variable(var, counter, 0);
-        }
-        MMM_release(counter);
-        consume_break();
-    } catch (...) {
-        MMM_release(start);
-        MMM_release(step);
-        MMM_release(stop);
-        throw;
+    MMM_ref start(eval_real(MEV_arg(e, 2), MFN_ID_PLUS));
+    MMM_ref step(MEV_arg(e, 4) == MMM_NIL ? MMM_retained(MAR_ONE) : eval_real(MEV_arg(e, 4), MFN_ID_PLUS));
+    MMM_ref stop(eval_real(MEV_arg(e, 3), MFN_ID_PLUS));
+    check_loop_variable(var);
+    if (MAR_compare(step.get(), MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
+    assign_variable(var, start.get(), 0);
+    MMM_ref counter(MMM_retained(start.get()));
+    while ((down ? MAR_compare(counter.get(), stop.get()) >= 0 : MAR_compare(counter.get(), stop.get()) <= 0) &&
+           !MEV_control) {
+        MEV_exec(MEV_arg(e, 5));
+        counter.reset();
+        if (!read_back_real(var, counter.slot())) MER_raise(MER_MESSAGE, "_for", "Illegal assignment to loop variable");
+        counter.reset(down ? MAR_subtract(counter.get(), step.get())
+                           : MAR_binop(counter.get(), step.get(), nullptr, MAR_ADD));
+        consume_next();
+        if (!MEV_control) assign_variable(var, counter.get(), 0);
     }
-    MMM_release(start);
-    MMM_release(step);
-    MMM_release(stop);
+    consume_break();
     return closing(context);
 }
 
@@ -494,20 +434,16 @@ Cell stmt_for_in(Cell e, int context, unsigned flags, Cell) {
     if (MEV_nargs(e) != 3) MER_raise(MER_WRONG_ARG_COUNT, "_for_in");
     clear_last_value();
     check_loop_variable(MEV_arg(e, 1));
-    Cell container = MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_FREE, 0);
-    try {
-        for (Cell m : members(container)) {
+    {
+        MMM_ref container(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_FREE, 0));
+        for (Cell m : members(container.get())) {
             if (MEV_control) break;
             assign_variable(MEV_arg(e, 1), m, 0);
             MEV_exec(MEV_arg(e, 3));
             consume_next();
         }
         leave_loop();
-    } catch (...) {
-        MMM_release(container);
-        throw;
     }
-    MMM_release(container);
     return closing(context);
 }
 
@@ -624,7 +560,7 @@ Cell stmt_save(Cell e, int context, unsigned flags, Cell) {
 
 // Evaluates body once for each value, the variable saved and restored around it.
 Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
-    std::vector<Cell> results;
+    std::vector<MMM_ref> results;
     Cell saved = nullptr;
     const bool ident = MMM_category(var) == DOM_IDENT;
     if (ident) {
@@ -640,12 +576,10 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
         if (ident) MMM_release(MMM_set_value(var, MMM_NULL, 0, MMM_current_frame));
         for (Cell v : values) {
             assign_variable(var, v, 0);
-            Cell r = MEV_eval(body, MEV_CONTEXT_ARGUMENT, 0);
-            if (r && r != MMM_NULL) results.push_back(r);
-            else MMM_release(r);
+            MMM_ref r(MEV_eval(body, MEV_CONTEXT_ARGUMENT, 0));
+            if (r && r.get() != MMM_NULL) results.push_back(std::move(r));
         }
     } catch (...) {
-        for (Cell r : results) MMM_release(r);
         restore();
         throw;
     }
@@ -653,119 +587,78 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
     if (results.empty()) return MMM_retained(MMM_NULL);
     Cell s = MMM_make_expr(long(results.size()) + 1);
     MMM_children(s)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-    for (size_t i = 0; i < results.size(); ++i) MMM_children(s)[i + 1] = results[i];
+    for (size_t i = 0; i < results.size(); ++i) MMM_children(s)[i + 1] = results[i].take();
     MMM_sign(s);
     return s;
 }
 
 // The values a..b (or a..b step s) of a range.
-std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<Cell>& owned) {
+// The values are held in `owned`; the range and step_value are borrowed.
+std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>& owned) {
     std::vector<Cell> out;
     if (!MMM_is_call_of(range, MFN_ID_RANGE) || MEV_nargs(range) != 2) MER_raise(MER_INCOMPATIBLE_RANGE, nullptr);
-    Cell lo = MMM_retained(MEV_arg(range, 1)), hi = MMM_retained(MEV_arg(range, 2));
-    if (!is_real(lo) || !is_real(hi)) {
-        MMM_release(lo);
-        MMM_release(hi);
-        MER_raise(MER_REAL_EXPECTED, nullptr);
-    }
-    Cell step = MMM_retained(step_value ? step_value : MAR_ONE);
-    if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) {
-        MMM_release(lo);
-        MMM_release(hi);
-        MMM_release(step);
-        MER_raise(MER_POSITIVE_EXPECTED, nullptr);
-    }
-    for (Cell v = lo; MAR_compare(v, hi) <= 0;) {
-        owned.push_back(v);
-        out.push_back(v);
-        v = MAR_binop(v, step, nullptr, MAR_ADD);
-        if (MAR_compare(v, hi) > 0) {
-            MMM_release(v);
-            break;
-        }
+    Cell lo = MEV_arg(range, 1), hi = MEV_arg(range, 2);
+    if (!is_real(lo) || !is_real(hi)) MER_raise(MER_REAL_EXPECTED, nullptr);
+    Cell step = step_value ? step_value : MAR_ONE;
+    if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
+    for (MMM_ref v(MMM_retained(lo)); MAR_compare(v.get(), hi) <= 0;) {
+        Cell c = v.get();
+        owned.push_back(std::move(v));
+        out.push_back(c);
+        v.reset(MAR_binop(c, step, nullptr, MAR_ADD));
+        if (MAR_compare(v.get(), hi) > 0) break;
         if (out.size() > 100000000) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
     }
-    MMM_release(hi);
-    MMM_release(step);
     return out;
 }
 
 Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
     // The operands are evaluated by the front, except the body, which the raw form takes.
-    std::vector<Cell> owned;
-    Cell result = nullptr;
-    try {
-        if (MEV_nargs(e) == 1) {
-            Cell r = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
-            try {
-                std::vector<Cell> values = range_values(r, nullptr, owned);
-                MMM_release(r);
-                result = MMM_make_expr(long(values.size()) + 1);
-                MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-                for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = MMM_retained(values[i]);
-                MMM_sign(result);
-                if (values.empty()) {
-                    MMM_release(result);
-                    result = MMM_retained(MMM_NULL);
-                }
-            } catch (...) {
-                MMM_release(r);
-                throw;
-            }
-        } else if (MEV_nargs(e) == 2) {
-            Cell n = MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0);
-            if (MMM_category(n) != DOM_INT) {
-                const bool big = MMM_category(n) == CAT_BIG_INT;
-                MMM_release(n);
+    std::vector<MMM_ref> owned;
+    if (MEV_nargs(e) == 1) {
+        MMM_ref r(MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0));
+        std::vector<Cell> values = range_values(r.get(), nullptr, owned);
+        if (values.empty()) return MMM_retained(MMM_NULL);
+        Cell result = MMM_make_expr(long(values.size()) + 1);
+        MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+        for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = MMM_retained(values[i]);
+        MMM_sign(result);
+        return result;
+    }
+    if (MEV_nargs(e) == 2) {
+        long count;
+        {
+            MMM_ref n(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
+            if (MMM_category(n.get()) != DOM_INT) {
+                const bool big = MMM_category(n.get()) == CAT_BIG_INT;
                 MER_raise(big ? MER_INTEGER_TOO_LARGE : MER_INTEGER_EXPECTED, "_seqgen");
             }
-            const long count = MAR_small_int(n);
-            MMM_release(n);
-            if (count <= 0) return MMM_retained(MMM_NULL);
-            result = MMM_make_expr(count + 1);
-            MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-            for (long i = 1; i <= count; ++i) MMM_children(result)[i] = nullptr;
-            for (long i = 1; i <= count; ++i) MMM_children(result)[i] = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
-            MMM_sign(result);
-        } else if (MEV_nargs(e) == 3 || MEV_nargs(e) == 4) {
-            Cell r = MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
-            Cell s = MEV_nargs(e) == 4 ? MEV_eval(MEV_arg(e, 4), MEV_CONTEXT_ARGUMENT, 0) : nullptr;
-            std::vector<Cell> values;
-            try {
-                values = range_values(r, s, owned);
-            } catch (...) {
-                MMM_release(r);
-                MMM_release(s);
-                throw;
-            }
-            MMM_release(r);
-            MMM_release(s);
-            check_loop_variable(MEV_arg(e, 2));
-            result = sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), values);
-        } else {
-            MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
+            count = MAR_small_int(n.get());
         }
-    } catch (...) {
-        for (Cell c : owned) MMM_release(c);
-        throw;
+        if (count <= 0) return MMM_retained(MMM_NULL);
+        MMM_ref result(MMM_make_expr(count + 1));
+        Cell* c = MMM_children(result.get());
+        c[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+        for (long i = 1; i <= count; ++i) c[i] = nullptr;
+        for (long i = 1; i <= count; ++i) c[i] = MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0);
+        MMM_sign(result.get());
+        return result.take();
     }
-    for (Cell c : owned) MMM_release(c);
-    return result;
+    if (MEV_nargs(e) == 3 || MEV_nargs(e) == 4) {
+        MMM_ref r(MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0));
+        MMM_ref s(MEV_nargs(e) == 4 ? MEV_eval(MEV_arg(e, 4), MEV_CONTEXT_ARGUMENT, 0) : nullptr);
+        const std::vector<Cell> values = range_values(r.get(), s.get(), owned);
+        check_loop_variable(MEV_arg(e, 2));
+        return sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), values);
+    }
+    MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
 }
 
 Cell builtin_seqin(Cell e, int, unsigned, Cell) {
     if (MEV_nargs(e) != 3) MER_raise(MER_WRONG_ARG_COUNT, "_seqin");
     check_loop_variable(MEV_arg(e, 2));
-    Cell container = MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0);
-    Cell result;
-    try {
-        result = sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), members(container));
-    } catch (...) {
-        MMM_release(container);
-        throw;
-    }
-    MMM_release(container);
-    return result;
+    MMM_ref container(MEV_eval(MEV_arg(e, 3), MEV_CONTEXT_ARGUMENT, 0));
+    return sequence_over(MEV_arg(e, 1), MEV_arg(e, 2), members(container.get()));
 }
 
 // ---- boolean connectives ----

@@ -8,6 +8,7 @@
 
 #include "MER_error.h"
 #include "MMM_heap.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 
@@ -306,29 +307,16 @@ Cell MMM_set_value_checked(Cell ident, Cell value, unsigned flags, Cell frame, b
     Cell setter = MMM_setter(ident);
     if (!setter) return store_value(ident, value, frame);
     const MMM_routine set = MMM_code_routine(setter);
-    Cell normal = set(value ? value : MMM_NIL, 0, 0, setter);
-    Cell old;
-    try {
-        old = store_value(ident, value ? normal : nullptr, frame);
-    } catch (...) {
-        MMM_release(normal);
-        throw;
+    MMM_ref old;
+    {
+        MMM_ref normal(set(value ? value : MMM_NIL, 0, 0, setter));
+        old.reset(store_value(ident, value ? normal.get() : nullptr, frame));
     }
-    MMM_release(normal);
     if (rerun) {
-        Cell now = walk_value(ident);
-        Cell again = nullptr;
-        try {
-            again = set(now ? now : MMM_NIL, 0, 0, setter);
-        } catch (...) {
-            MMM_release(now);
-            MMM_release(old);
-            throw;
-        }
-        MMM_release(again);
-        MMM_release(now);
+        MMM_ref now(walk_value(ident));
+        MMM_release(set(now ? now.get() : MMM_NIL, 0, 0, setter));
     }
-    return old;
+    return old.take();
 }
 
 void MMM_sign_idents() { MMM_table_filter(&namespace_table(), dead_identifier, nullptr); }

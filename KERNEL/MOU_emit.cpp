@@ -6,6 +6,7 @@
 
 #include "MER_error.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 #include "MOU_internal.h"
 #include "MSY_process.h"
@@ -209,21 +210,13 @@ Cell MOU_print_values(std::span<const Cell> args) {
 }
 
 std::string MOU_expr2text(std::span<const Cell> args) {
-    Cell value = sequence_of(args);
+    MMM_ref value(sequence_of(args));
     if (!value) return "";
     MOU_state_saver saved;
     MOU_pretty = false;
     MOU_for_text = true;
     MOU_unquoted = false;
-    std::string text;
-    try {
-        text = MOU_to_text(value);
-    } catch (...) {
-        MMM_release(value);
-        throw;
-    }
-    MMM_release(value);
-    return text;
+    return MOU_to_text(value.get());
 }
 
 void MOU_print_result(Cell value) {

@@ -14,6 +14,7 @@
 #include "MFN_layout.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 #include "MOU_internal.h"
@@ -39,20 +40,6 @@ int MOU_capture_depth = 0;
 namespace {
 
 // ---- small helpers ----
-
-// A counted reference released when it leaves scope.
-struct Owned {
-    Cell c = nullptr;
-    Owned() = default;
-    explicit Owned(Cell x) : c(x) {}
-    Owned(const Owned&) = delete;
-    Owned& operator=(const Owned&) = delete;
-    ~Owned() { MMM_release(c); }
-    void reset(Cell x) {
-        MMM_release(c);
-        c = x;
-    }
-};
 
 int masked(int context) {
     context &= ~MOU_MARK_MASK;
@@ -173,7 +160,7 @@ struct Printer {
     int priority = 0;
     std::string text;
     int id = 0;  // the function id, 0 for a function not in the table
-    Owned env;   // the environment found
+    MMM_ref env;  // the environment found
 };
 
 int id_of_name(std::string_view name, Cell ident) {
@@ -294,11 +281,11 @@ Cell negated(Cell x) {
     }
     // A product: its sign factor negated, and dropped when that gives 1.
     const long k = sign_factor(x);
-    Owned factor(MAR_negate(operand(x, k)));
+    MMM_ref factor(MAR_negate(operand(x, k)));
     std::vector<Cell> ops;
     for (long i = 1; i <= nops(x); ++i) {
         if (i != k) ops.push_back(operand(x, i));
-        else if (!MCM_equal(factor.c, MAR_ONE)) ops.push_back(factor.c);
+        else if (!MCM_equal(factor.get(), MAR_ONE)) ops.push_back(factor.get());
     }
     if (ops.size() == 1) return MMM_retained(ops[0]);
     return rebuild(x, ops);
@@ -310,9 +297,9 @@ bool is_inverted(Cell x) {
 }
 
 Cell reciprocal(Cell x) {
-    Owned exponent(MAR_negate(operand(x, 2)));
-    if (MCM_equal(exponent.c, MAR_ONE)) return MMM_retained(operand(x, 1));
-    return rebuild(x, {operand(x, 1), exponent.c});
+    MMM_ref exponent(MAR_negate(operand(x, 2)));
+    if (MCM_equal(exponent.get(), MAR_ONE)) return MMM_retained(operand(x, 1));
+    return rebuild(x, {operand(x, 1), exponent.get()});
 }
 
 // Prints a child (borrowed) through the walker.
@@ -351,11 +338,11 @@ void print_set(Cell set) {
     MOU_put_char('{');
     // The domain's order, if it gives one; otherwise the set's own.
     if (MOU_hooks.type_slot && MOU_hooks.call && !MOU_source_form) {
-        Owned sort(MOU_hooks.type_slot(set, "sort"));
-        if (sort.c && sort.c != MMM_FAIL) {
-            Owned sorted(MOU_hooks.call(sort.c, set));
-            if (is_cat(sorted.c, DOM_LIST)) {
-                print_list_items(sorted.c, 0);
+        MMM_ref sort(MOU_hooks.type_slot(set, "sort"));
+        if (sort.get() && sort.get() != MMM_FAIL) {
+            MMM_ref sorted(MOU_hooks.call(sort.get(), set));
+            if (is_cat(sorted.get(), DOM_LIST)) {
+                print_list_items(sorted.get(), 0);
                 MOU_put_char('}');
                 return;
             }
@@ -416,19 +403,19 @@ void print_exec(Cell exec) {
 
 void print_func_env(Cell env) {
     if (MMM_child_count(env) > MFN_ENV_ATTRIBUTES && is_cat(MMM_child(env, MFN_ENV_ATTRIBUTES), DOM_TABLE)) {
-        Owned key(MMM_string_value("print"));
+        MMM_ref key(MMM_string_value("print"));
         Cell slot = nullptr;
-        if (MMM_table_find(MMM_child(MMM_child(env, MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key.c, &slot) && slot) {
+        if (MMM_table_find(MMM_child(MMM_child(env, MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key.get(), &slot) && slot) {
             if (is_cat(slot, DOM_STRING)) {
                 MOU_put_text(string_text(slot));
                 return;
             }
             if (MOU_hooks.call) {
-                Owned shown(MOU_hooks.call(slot, env));
-                if (shown.c && shown.c != MMM_FAIL) {
+                MMM_ref shown(MOU_hooks.call(slot, env));
+                if (shown.get() && shown.get() != MMM_FAIL) {
                     MOU_state_saver saved;
                     MOU_unquoted = true;
-                    print_child(shown.c, 0, nullptr);
+                    print_child(shown.get(), 0, nullptr);
                     return;
                 }
             }
@@ -503,26 +490,26 @@ void print_atom(Cell* ref, int context, Cell sep) {
     if (MMM_category(v) == DOM_NULL && context == 10) return;
     // A method of the value's type prints it: its result is the text, unquoted.
     if (MOU_hooks.type_slot && MOU_hooks.call && MMM_category(v) != DOM_PROC) {
-        Owned method;
+        MMM_ref method;
         if (MOU_for_text) method.reset(MOU_hooks.type_slot(v, "expr2text"));
-        if (!method.c || method.c == MMM_FAIL) method.reset(MOU_hooks.type_slot(v, "print"));
-        if (method.c && method.c != MMM_FAIL) {
-            if (is_cat(method.c, DOM_EXEC) && MMM_child_count(method.c) > MFN_EXEC_CODE) {
-                if (MFN_print_routine fn = MOU_print_routine_for_code(code_of(MMM_child(method.c, MFN_EXEC_CODE)))) {
+        if (!method.get() || method.get() == MMM_FAIL) method.reset(MOU_hooks.type_slot(v, "print"));
+        if (method.get() && method.get() != MMM_FAIL) {
+            if (is_cat(method.get(), DOM_EXEC) && MMM_child_count(method.get()) > MFN_EXEC_CODE) {
+                if (MFN_print_routine fn = MOU_print_routine_for_code(code_of(MMM_child(method.get(), MFN_EXEC_CODE)))) {
                     fn(ref, context, sep);
                     return;
                 }
             }
             MOU_state_saver saved;
             MOU_in_method = true;
-            Owned shown(MOU_hooks.call(method.c, v));
+            MMM_ref shown(MOU_hooks.call(method.get(), v));
             MOU_unquoted = true;
-            if (is_cat(shown.c, DOM_STRING)) {  // the text itself
+            if (is_cat(shown.get(), DOM_STRING)) {  // the text itself
                 write_separator(sep);
-                write_string(string_text(shown.c));
+                write_string(string_text(shown.get()));
                 return;
             }
-            print_child(shown.c, context, sep);
+            print_child(shown.get(), context, sep);
             return;
         }
     }
@@ -819,9 +806,9 @@ void print_operands(Cell e, long from, int context, Cell first_sep, Cell sep) {
 Cell ordered_sum(Cell e) {
     if (MOU_hooks.call) {
         if (Cell ident = MMM_ident_exists(MMM_intern("_sortsum"))) {
-            Owned sorter(MMM_value(ident));
-            if (sorter.c) {
-                Cell r = MOU_hooks.call(sorter.c, e);
+            MMM_ref sorter(MMM_value(ident));
+            if (sorter.get()) {
+                Cell r = MOU_hooks.call(sorter.get(), e);
                 if (MMM_is_call_of(r, MFN_ID_PLUS) && nops(r) >= 2) return r;
                 MMM_release(r);
             }
@@ -839,18 +826,18 @@ Cell ordered_sum(Cell e) {
 
 void print_sum(Cell e, int p, Cell sep, const std::string& text, int context) {
     const bool sort = MOU_keep_order == 0 || (MOU_keep_order == 1 && !MOU_in_method);
-    Owned sum(sort ? ordered_sum(e) : MMM_retained(e));
+    MMM_ref sum(sort ? ordered_sum(e) : MMM_retained(e));
     write_separator(sep);
     const bool parens = p <= masked(context);
     open_paren(parens);
     Cell plus = separator(text);
     Cell minus = separator(" - ");
     Cell leading_minus = separator("- ");
-    for (long i = 1; i <= nops(sum.c); ++i) {
-        Cell x = operand(sum.c, i);
+    for (long i = 1; i <= nops(sum.get()); ++i) {
+        Cell x = operand(sum.get(), i);
         if (is_negative(x)) {
-            Owned n(negated(x));
-            print_child(n.c, p, i == 1 ? leading_minus : minus);
+            MMM_ref n(negated(x));
+            print_child(n.get(), p, i == 1 ? leading_minus : minus);
         } else {
             print_child(x, p, i == 1 ? nullptr : plus);
         }
@@ -860,7 +847,7 @@ void print_sum(Cell e, int p, Cell sep, const std::string& text, int context) {
 
 void print_product(Cell e, int p, Cell sep, const std::string& text, int context) {
     std::vector<Cell> factors;
-    Owned positive;
+    MMM_ref positive;
     bool minus = false;
     Cell last = operand(e, nops(e));
     if (is_number(last)) {
@@ -869,7 +856,7 @@ void print_product(Cell e, int p, Cell sep, const std::string& text, int context
         if (is_negative(last)) {
             minus = true;
             positive.reset(MAR_negate(last));
-            coefficient = positive.c;
+            coefficient = positive.get();
             if (MCM_equal(coefficient, MAR_ONE)) coefficient = nullptr;
         }
         if (coefficient) factors.push_back(coefficient);
@@ -888,8 +875,8 @@ void print_product(Cell e, int p, Cell sep, const std::string& text, int context
         Cell f = factors[i];
         if (is_inverted(f)) {
             if (i == 0) MOU_put_char('1');
-            Owned r(reciprocal(f));
-            print_child(r.c, p, over);
+            MMM_ref r(reciprocal(f));
+            print_child(r.get(), p, over);
         } else {
             print_child(f, p, i ? times : nullptr);
         }
@@ -1000,14 +987,14 @@ void MOU_print_call(Cell* ref, int context, Cell sep) {
     resolve(e, p);
     // The environment's print slot: a string is the name to show, another value makes the
     // text from the expression.
-    if (p.env.c && MMM_child_count(p.env.c) > MFN_ENV_ATTRIBUTES && is_cat(MMM_child(p.env.c, MFN_ENV_ATTRIBUTES), DOM_TABLE)) {
-        Owned key(MMM_string_value("print"));
+    if (p.env.get() && MMM_child_count(p.env.get()) > MFN_ENV_ATTRIBUTES && is_cat(MMM_child(p.env.get(), MFN_ENV_ATTRIBUTES), DOM_TABLE)) {
+        MMM_ref key(MMM_string_value("print"));
         Cell slot = nullptr;
-        if (MMM_table_find(MMM_child(MMM_child(p.env.c, MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key.c, &slot) && slot &&
+        if (MMM_table_find(MMM_child(MMM_child(p.env.get(), MFN_ENV_ATTRIBUTES), MMM_TABLE_HASH), key.get(), &slot) && slot &&
             !is_cat(slot, DOM_STRING) && MOU_hooks.call) {
-            Owned shown(MOU_hooks.call(slot, e));
-            if (shown.c && shown.c != MMM_FAIL) {
-                print_child(shown.c, context, sep);
+            MMM_ref shown(MOU_hooks.call(slot, e));
+            if (shown.get() && shown.get() != MMM_FAIL) {
+                print_child(shown.get(), context, sep);
                 return;
             }
         }
@@ -1054,8 +1041,8 @@ void MOU_print_operator(Cell* ref, int context, Cell sep) {
             const bool parens = 1100 <= masked(context);
             open_paren(parens);
             MOU_put_text("1/");
-            Owned r(reciprocal(e));
-            print_child(r.c, 1100, nullptr);
+            MMM_ref r(reciprocal(e));
+            print_child(r.get(), 1100, nullptr);
             close_paren(parens);
             return;
         }
