@@ -14,6 +14,7 @@
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
 
@@ -21,41 +22,9 @@ namespace {
 
 // ---- owned references ----
 
-// One counted reference, released when it goes out of scope (also when an error
-// unwinds through it).
-class Ref {
-public:
-    Ref() = default;
-    explicit Ref(Cell owned) : c_(owned) {}
-    static Ref borrow(Cell c) {
-        MMM_retain(c);
-        return Ref(c);
-    }
-    Ref(Ref&& o) noexcept : c_(o.c_) { o.c_ = nullptr; }
-    Ref& operator=(Ref&& o) noexcept {
-        if (this != &o) {
-            MMM_release(c_);
-            c_ = o.c_;
-            o.c_ = nullptr;
-        }
-        return *this;
-    }
-    Ref(const Ref&) = delete;
-    Ref& operator=(const Ref&) = delete;
-    ~Ref() { MMM_release(c_); }
-
-    Cell get() const { return c_; }
-    Cell take() {
-        Cell c = c_;
-        c_ = nullptr;
-        return c;
-    }
-    explicit operator bool() const { return c_ != nullptr; }
-
-private:
-    Cell c_ = nullptr;
-};
-using Refs = std::vector<Ref>;
+// A new count of a borrowed cell, owned.
+MMM_ref borrowed(Cell c) { return MMM_ref(MMM_retained(c)); }
+using Refs = std::vector<MMM_ref>;
 
 // ---- module state ----
 
@@ -140,7 +109,7 @@ bool is_set_expression(Cell c) {
 
 // ---- making cells ----
 
-Ref build(int id, std::initializer_list<Cell> ops) {
+MMM_ref build(int id, std::initializer_list<Cell> ops) {
     Cell e = MMM_make_expr(long(ops.size()) + 1);
     Cell* s = MMM_children(e);
     s[0] = MMM_ident_by_id(id);
@@ -151,10 +120,10 @@ Ref build(int id, std::initializer_list<Cell> ops) {
         s[i++] = c;
     }
     MMM_sign(e);
-    return Ref(e);
+    return MMM_ref(e);
 }
 
-Ref build(int id, const Refs& ops) {
+MMM_ref build(int id, const Refs& ops) {
     Cell e = MMM_make_expr(long(ops.size()) + 1);
     Cell* s = MMM_children(e);
     s[0] = MMM_ident_by_id(id);
@@ -164,45 +133,45 @@ Ref build(int id, const Refs& ops) {
         s[i + 1] = ops[i].get();
     }
     MMM_sign(e);
-    return Ref(e);
+    return MMM_ref(e);
 }
 
-Ref number(long n) { return Ref(MAR_from_long(n)); }
-Ref binop(Cell a, Cell b, int op) { return Ref(MAR_binop(a, b, nullptr, op)); }
+MMM_ref number(long n) { return MMM_ref(MAR_from_long(n)); }
+MMM_ref binop(Cell a, Cell b, int op) { return MMM_ref(MAR_binop(a, b, nullptr, op)); }
 
-Ref float_one() {
+MMM_ref float_one() {
     const pari_sp av = avma;
     Cell c = MAR_from_pari(real_1(MAR_pari_precision), false);
     set_avma(av);
-    return Ref(c);
+    return MMM_ref(c);
 }
-Ref float_zero() {
+MMM_ref float_zero() {
     const pari_sp av = avma;
     Cell c = MAR_from_pari(real_0(MAR_pari_precision), false);
     set_avma(av);
-    return Ref(c);
+    return MMM_ref(c);
 }
 
 // ---- forward ----
 
-Ref plus(Cell expr, const Refs& ops, int round);
-Ref mult(Cell expr, const Refs& ops, int round);
-Ref power(Cell x, Cell y, Cell expr);
-Ref negate(Cell x, bool evaluate);
+MMM_ref plus(Cell expr, const Refs& ops, int round);
+MMM_ref mult(Cell expr, const Refs& ops, int round);
+MMM_ref power(Cell x, Cell y, Cell expr);
+MMM_ref negate(Cell x, bool evaluate);
 bool looks_negative(Cell x, bool deep);
 
-Ref neg(Cell x) { return Ref(MAR_negate(x, true)); }
-Ref sum(std::initializer_list<Cell> ops) {
-    Ref e = build(MFN_ID_PLUS, ops);
-    return Ref(MAR_plus(e.get()));
+MMM_ref neg(Cell x) { return MMM_ref(MAR_negate(x, true)); }
+MMM_ref sum(std::initializer_list<Cell> ops) {
+    MMM_ref e = build(MFN_ID_PLUS, ops);
+    return MMM_ref(MAR_plus(e.get()));
 }
-Ref product(std::initializer_list<Cell> ops) {
-    Ref e = build(MFN_ID_MULT, ops);
-    return Ref(MAR_mult(e.get()));
+MMM_ref product(std::initializer_list<Cell> ops) {
+    MMM_ref e = build(MFN_ID_MULT, ops);
+    return MMM_ref(MAR_mult(e.get()));
 }
-Ref product(const Refs& ops) {
-    Ref e = build(MFN_ID_MULT, ops);
-    return Ref(MAR_mult(e.get()));
+MMM_ref product(const Refs& ops) {
+    MMM_ref e = build(MFN_ID_MULT, ops);
+    return MMM_ref(MAR_mult(e.get()));
 }
 
 // The operands of `expr`, with operands of the same operator spliced in.
@@ -210,7 +179,7 @@ void flatten_into(Cell expr, int id, Refs& out) {
     for (long i = 1; i <= operand_count(expr); ++i) {
         Cell c = operand(expr, i);
         if (is_op(c, id)) flatten_into(c, id, out);
-        else out.push_back(Ref::borrow(c));
+        else out.push_back(borrowed(c));
     }
 }
 
@@ -218,7 +187,7 @@ void flatten_into(Cell expr, int id, Refs& out) {
 
 struct Folded {
     Refs others;       // the operands that are no numbers, in their order
-    Ref number;        // all numbers folded into one, or null
+    MMM_ref number;    // all numbers folded into one, or null
     bool kept = false; // an operand this module does not combine: the expression stays
 };
 
@@ -228,24 +197,24 @@ struct Folded {
 class Tournament {
 public:
     explicit Tournament(int op) : op_(op) {}
-    void add(Ref n) {
+    void add(MMM_ref n) {
         if (!waiting_) {
             waiting_ = std::move(n);
             return;
         }
-        Ref c = binop(waiting_.get(), n.get(), op_);
-        waiting_ = Ref();
+        MMM_ref c = binop(waiting_.get(), n.get(), op_);
+        waiting_ = MMM_ref();
         int i = 0;
         for (; i < LEVELS - 1 && levels_[i]; ++i) {
             c = binop(levels_[i].get(), c.get(), op_);
-            levels_[i] = Ref();
+            levels_[i] = MMM_ref();
         }
         if (levels_[i]) c = binop(levels_[i].get(), c.get(), op_);
         levels_[i] = std::move(c);
     }
     // The remaining levels fold from the lowest upward.
-    Ref finish() {
-        Ref acc = std::move(waiting_);
+    MMM_ref finish() {
+        MMM_ref acc = std::move(waiting_);
         for (auto& level : levels_) {
             if (!level) continue;
             acc = acc ? binop(acc.get(), level.get(), op_) : std::move(level);
@@ -255,19 +224,19 @@ public:
 
 private:
     int op_;
-    Ref waiting_;
-    Ref levels_[LEVELS];
+    MMM_ref waiting_;
+    MMM_ref levels_[LEVELS];
 };
 
 Folded fold_numbers(const Refs& ops, bool product) {
     Folded f;
-    for (const Ref& r : ops)
+    for (const MMM_ref& r : ops)
         if (tag(r.get()) == DOM_INTERVAL || tag(r.get()) == DOM_SET || is_set_expression(r.get())) {
             f.kept = true;
             return f;
         }
     Tournament t(product ? MAR_MULTIPLY : MAR_ADD);
-    for (const Ref& r : ops) {
+    for (const MMM_ref& r : ops) {
         Cell c = r.get();
         if (tag(c) == DOM_NULL) continue;
         if (is_ident(c)) {
@@ -281,14 +250,14 @@ Folded fold_numbers(const Refs& ops, bool product) {
                 continue;
             }
         }
-        if (is_number(c)) t.add(Ref::borrow(c));
-        else f.others.push_back(Ref::borrow(c));
+        if (is_number(c)) t.add(borrowed(c));
+        else f.others.push_back(borrowed(c));
     }
     f.number = t.finish();
     if (f.number && !f.others.empty()) {
         // A zero factor wins over everything; a unit factor and a zero term go.
         if (product && is_zero(f.number.get())) f.others.clear();
-        else if (product ? is_exact_one(f.number.get()) : is_zero(f.number.get())) f.number = Ref();
+        else if (product ? is_exact_one(f.number.get()) : is_zero(f.number.get())) f.number = MMM_ref();
     }
     return f;
 }
@@ -296,10 +265,10 @@ Folded fold_numbers(const Refs& ops, bool product) {
 // ---- sums ----
 
 struct Term {
-    Cell operand;  // borrowed from the list of operands
-    Ref base;      // the operand without its numeric coefficient
-    Ref free;      // the base without its sign
-    Ref coeff;     // the numeric coefficient; null for 1
+    Cell operand;          // borrowed from the list of operands
+    MMM_ref base;          // the operand without its numeric coefficient
+    MMM_ref free;          // the base without its sign
+    MMM_ref coeff;         // the numeric coefficient; null for 1
     bool negated = false;  // free is the negated base
 };
 
@@ -307,19 +276,19 @@ Term make_term(Cell t) {
     Term r;
     r.operand = t;
     if (is_op(t, MFN_ID_MULT) && operand_count(t) >= 2 && is_number(last_operand(t))) {
-        r.coeff = Ref::borrow(last_operand(t));
+        r.coeff = borrowed(last_operand(t));
         if (operand_count(t) == 2) {
-            r.base = Ref::borrow(operand(t, 1));
+            r.base = borrowed(operand(t, 1));
         } else {
             Refs rest;
-            for (long i = 1; i < operand_count(t); ++i) rest.push_back(Ref::borrow(operand(t, i)));
+            for (long i = 1; i < operand_count(t); ++i) rest.push_back(borrowed(operand(t, i)));
             r.base = build(MFN_ID_MULT, rest);
         }
     } else {
-        r.base = Ref::borrow(t);
+        r.base = borrowed(t);
     }
     r.negated = looks_negative(r.base.get(), true);
-    r.free = r.negated ? neg(r.base.get()) : Ref::borrow(r.base.get());
+    r.free = r.negated ? neg(r.base.get()) : borrowed(r.base.get());
     return r;
 }
 
@@ -334,10 +303,10 @@ void sort_if_needed(std::vector<T>& v, Less before) {
 Refs collect_terms(const Refs& ops, Tournament& numbers, bool& irregular) {
     std::vector<Term> terms;
     terms.reserve(ops.size());
-    for (const Ref& r : ops) terms.push_back(make_term(r.get()));
+    for (const MMM_ref& r : ops) terms.push_back(make_term(r.get()));
     sort_if_needed(terms, [](const Term& a, const Term& b) { return MCM_compare(a.free.get(), b.free.get()) < 0; });
     Refs out;
-    auto emit = [&](Ref r) {
+    auto emit = [&](MMM_ref r) {
         if (is_number(r.get())) {
             numbers.add(std::move(r));
             irregular = true;
@@ -351,13 +320,13 @@ Refs collect_terms(const Refs& ops, Tournament& numbers, bool& irregular) {
         while (j < terms.size() && MCM_equal(terms[i].free.get(), terms[j].free.get())) ++j;
         if (j - i == 1 || is_poly(terms[i].base.get())) {
             // A term alone keeps its own sign; polynomials are never merged here.
-            for (size_t k = i; k < j; ++k) out.push_back(Ref::borrow(terms[k].operand));
+            for (size_t k = i; k < j; ++k) out.push_back(borrowed(terms[k].operand));
             i = j;
             continue;
         }
-        Ref total;
+        MMM_ref total;
         for (size_t k = i; k < j; ++k) {
-            Ref c = terms[k].coeff ? Ref::borrow(terms[k].coeff.get()) : number(1);
+            MMM_ref c = terms[k].coeff ? borrowed(terms[k].coeff.get()) : number(1);
             if (terms[k].negated) c = neg(c.get());
             total = total ? binop(total.get(), c.get(), MAR_ADD) : std::move(c);
         }
@@ -365,7 +334,7 @@ Refs collect_terms(const Refs& ops, Tournament& numbers, bool& irregular) {
         if (is_zero(total.get())) {
             // A run that cancels leaves nothing, not even a float zero.
         } else if (is_exact_one(total.get())) {
-            emit(Ref::borrow(free));
+            emit(borrowed(free));
         } else {
             emit(product({free, total.get()}));
         }
@@ -374,13 +343,13 @@ Refs collect_terms(const Refs& ops, Tournament& numbers, bool& irregular) {
     return out;
 }
 
-Ref plus(Cell expr, const Refs& ops, int round) {
+MMM_ref plus(Cell expr, const Refs& ops, int round) {
     if (ops.empty()) return number(0);
-    if (ops.size() == 1) return tag(ops[0].get()) == DOM_NULL ? number(0) : Ref::borrow(ops[0].get());
+    if (ops.size() == 1) return tag(ops[0].get()) == DOM_NULL ? number(0) : borrowed(ops[0].get());
     Folded f = fold_numbers(ops, false);
-    if (f.kept) return expr ? Ref::borrow(expr) : build(MFN_ID_PLUS, ops);
+    if (f.kept) return expr ? borrowed(expr) : build(MFN_ID_PLUS, ops);
     if (f.others.empty()) return f.number ? std::move(f.number) : number(0);
-    if (tag(f.others[0].get()) == DOM_FAIL) return Ref::borrow(MMM_FAIL);
+    if (tag(f.others[0].get()) == DOM_FAIL) return borrowed(MMM_FAIL);
     Refs terms;
     if (f.others.size() == 1) {
         terms.push_back(std::move(f.others[0]));
@@ -395,19 +364,19 @@ Ref plus(Cell expr, const Refs& ops, int round) {
             // whole, which splices and folds them.
             if (f.number) terms.push_back(std::move(f.number));
             Refs flat;
-            for (const Ref& t : terms) {
+            for (const MMM_ref& t : terms) {
                 if (is_op(t.get(), MFN_ID_PLUS)) flatten_into(t.get(), MFN_ID_PLUS, flat);
-                else flat.push_back(Ref::borrow(t.get()));
+                else flat.push_back(borrowed(t.get()));
             }
             return plus(nullptr, flat, 1);
         }
-        if (f.number && !terms.empty() && is_zero(f.number.get())) f.number = Ref();
+        if (f.number && !terms.empty() && is_zero(f.number.get())) f.number = MMM_ref();
     }
     if (f.number) terms.push_back(std::move(f.number));
     if (terms.empty()) return number(0);
     if (terms.size() == 1) return std::move(terms[0]);
-    Ref result = build(MFN_ID_PLUS, terms);
-    if (expr && MCM_equal(result.get(), expr)) return Ref::borrow(expr);
+    MMM_ref result = build(MFN_ID_PLUS, terms);
+    if (expr && MCM_equal(result.get(), expr)) return borrowed(expr);
     return result;
 }
 
@@ -417,7 +386,7 @@ struct Factor {
     Cell term;      // borrowed from the list of factors
     Cell base;      // borrowed: the base of a power, or the term
     Cell exponent;  // borrowed: the exponent of a power, or the shared 1
-    Ref free;       // the base without its sign
+    MMM_ref free;   // the base without its sign
     bool negated = false;
     bool integer_exponent = true;
     bool number_exponent = true;
@@ -436,7 +405,7 @@ Factor make_factor(Cell t) {
         f.exponent = MAR_ONE;
     }
     f.negated = !is_poly(f.base) && looks_negative(f.base, true);
-    f.free = f.negated ? neg(f.base) : Ref::borrow(f.base);
+    f.free = f.negated ? neg(f.base) : borrowed(f.base);
     return f;
 }
 
@@ -450,14 +419,14 @@ bool factor_before(const Factor& a, const Factor& b) {
 // The factors and the numeric coefficient of a product under construction.
 struct ProductParts {
     Refs factors;
-    Ref coeff;         // null for 1
+    MMM_ref coeff;     // null for 1
     bool odd = false;  // the sign still owed to the coefficient
     bool split = false;  // a power gave a product, whose factors may meet others
 
-    void multiply(Cell n) { coeff = coeff ? binop(coeff.get(), n, MAR_MULTIPLY) : Ref::borrow(n); }
+    void multiply(Cell n) { coeff = coeff ? binop(coeff.get(), n, MAR_MULTIPLY) : borrowed(n); }
     // A result that comes back from a power: a number joins the coefficient, a product
     // gives its factors and its coefficient, anything else is a factor.
-    void absorb(Ref r) {
+    void absorb(MMM_ref r) {
         Cell c = r.get();
         if (is_number(c)) {
             multiply(c);
@@ -466,7 +435,7 @@ struct ProductParts {
             for (long i = 1; i <= operand_count(c); ++i) {
                 Cell x = operand(c, i);
                 if (is_number(x)) multiply(x);
-                else factors.push_back(Ref::borrow(x));
+                else factors.push_back(borrowed(x));
             }
         } else {
             factors.push_back(std::move(r));
@@ -478,24 +447,24 @@ struct ProductParts {
         if (is_number(base)) {
             absorb(power(base, e, nullptr));
         } else if (is_exact_one(e)) {
-            factors.push_back(Ref::borrow(base));
+            factors.push_back(borrowed(base));
         } else {
             factors.push_back(build(MFN_ID_POWER, {base, e}));
         }
     }
 };
 
-Ref add_or_take(Ref a, Cell b) { return a ? binop(a.get(), b, MAR_ADD) : Ref::borrow(b); }
+MMM_ref add_or_take(MMM_ref a, Cell b) { return a ? binop(a.get(), b, MAR_ADD) : borrowed(b); }
 
 // One run of factors on the same sign-free base.
 void collect_run(std::vector<Factor>& fs, size_t i, size_t j, ProductParts& p) {
     if (is_poly(fs[i].free.get())) {
-        for (size_t k = i; k < j; ++k) p.factors.push_back(Ref::borrow(fs[k].term));
+        for (size_t k = i; k < j; ++k) p.factors.push_back(borrowed(fs[k].term));
         return;
     }
     // Number exponents: one sum on the sign-free base, one on its negation.
     size_t k = i;
-    Ref up, down;
+    MMM_ref up, down;
     Cell negated_base = nullptr;
     size_t count = 0;
     for (; k < j && fs[k].number_exponent; ++k, ++count) {
@@ -507,22 +476,22 @@ void collect_run(std::vector<Factor>& fs, size_t i, size_t j, ProductParts& p) {
         }
     }
     if (count == 1 && !fs[i].negated) {
-        p.factors.push_back(Ref::borrow(fs[i].term));
+        p.factors.push_back(borrowed(fs[i].term));
     } else if (count) {
         Cell free = fs[i].free.get();
-        if (down && is_zero(down.get())) down = Ref();
+        if (down && is_zero(down.get())) down = MMM_ref();
         if (down && is_integer(down.get())) {
             // (-b)^n = (-1)^n * b^n
             if (is_odd(down.get())) p.odd = !p.odd;
             up = add_or_take(std::move(up), down.get());
-            down = Ref();
+            down = MMM_ref();
         } else if (down && (!up || is_integer(up.get()))) {
             // b^m = (-1)^m * (-b)^m: all on the negated base
             if (up && is_odd(up.get())) p.odd = !p.odd;
-            Ref e = up ? binop(up.get(), down.get(), MAR_ADD) : std::move(down);
+            MMM_ref e = up ? binop(up.get(), down.get(), MAR_ADD) : std::move(down);
             p.emit_power(negated_base, e.get());
-            up = Ref();
-            down = Ref();
+            up = MMM_ref();
+            down = MMM_ref();
         }
         const size_t mark = p.factors.size();
         if (down) p.emit_power(negated_base, down.get());
@@ -538,10 +507,10 @@ void collect_run(std::vector<Factor>& fs, size_t i, size_t j, ProductParts& p) {
         size_t m = k + 1;
         while (m < j && MCM_equal(fs[k].term, fs[m].term)) ++m;
         if (m - k == 1) {
-            p.factors.push_back(Ref::borrow(fs[k].term));
+            p.factors.push_back(borrowed(fs[k].term));
         } else {
-            Ref times = number(long(m - k));
-            Ref e = product({fs[k].exponent, times.get()});
+            MMM_ref times = number(long(m - k));
+            MMM_ref e = product({fs[k].exponent, times.get()});
             p.absorb(power(fs[k].base, e.get(), nullptr));
             // b^(k*e) has its own place among the other powers of b: once more over
             // the whole, which sorts.
@@ -556,12 +525,12 @@ void collect_factors(ProductParts& p) {
         p.coeff = neg(p.coeff.get());
         p.odd = !p.odd;
     }
-    if (p.coeff && is_exact_one(p.coeff.get())) p.coeff = Ref();
+    if (p.coeff && is_exact_one(p.coeff.get())) p.coeff = MMM_ref();
     Refs input = std::move(p.factors);
     p.factors.clear();
     std::vector<Factor> fs;
     fs.reserve(input.size());
-    for (const Ref& r : input) fs.push_back(make_factor(r.get()));
+    for (const MMM_ref& r : input) fs.push_back(make_factor(r.get()));
     sort_if_needed(fs, factor_before);
     for (size_t i = 0; i < fs.size();) {
         size_t j = i + 1;
@@ -575,16 +544,16 @@ void collect_factors(ProductParts& p) {
 void sort_factors(Refs& factors) {
     std::vector<Factor> fs;
     fs.reserve(factors.size());
-    for (const Ref& r : factors) fs.push_back(make_factor(r.get()));
+    for (const MMM_ref& r : factors) fs.push_back(make_factor(r.get()));
     if (std::is_sorted(fs.begin(), fs.end(), factor_before)) return;
     std::sort(fs.begin(), fs.end(), factor_before);
     Refs sorted;
-    for (const Factor& f : fs) sorted.push_back(Ref::borrow(f.term));
+    for (const Factor& f : fs) sorted.push_back(borrowed(f.term));
     factors = std::move(sorted);
 }
 
 // c*(t1 + ... + tn) as c*t1 + ... + c*tn.
-Ref distribute(Cell sum_expr, Cell c) {
+MMM_ref distribute(Cell sum_expr, Cell c) {
     Refs terms;
     for (long i = 1; i <= operand_count(sum_expr); ++i) {
         Cell t = operand(sum_expr, i);
@@ -593,16 +562,16 @@ Ref distribute(Cell sum_expr, Cell c) {
     return build(MFN_ID_PLUS, terms);
 }
 
-Ref mult(Cell expr, const Refs& ops, int round) {
+MMM_ref mult(Cell expr, const Refs& ops, int round) {
     if (ops.empty()) return number(1);
-    if (ops.size() == 1) return Ref::borrow(ops[0].get());
+    if (ops.size() == 1) return borrowed(ops[0].get());
     Folded f = fold_numbers(ops, true);
-    if (f.kept) return expr ? Ref::borrow(expr) : build(MFN_ID_MULT, ops);
+    if (f.kept) return expr ? borrowed(expr) : build(MFN_ID_MULT, ops);
     if (f.others.empty()) return f.number ? std::move(f.number) : number(1);
-    if (tag(f.others[0].get()) == DOM_FAIL) return Ref::borrow(MMM_FAIL);
+    if (tag(f.others[0].get()) == DOM_FAIL) return borrowed(MMM_FAIL);
     ProductParts p;
     p.coeff = std::move(f.number);
-    for (Ref& r : f.others) {
+    for (MMM_ref& r : f.others) {
         if (looks_negative(r.get(), true)) {
             p.odd = !p.odd;
             p.absorb(neg(r.get()));
@@ -612,7 +581,7 @@ Ref mult(Cell expr, const Refs& ops, int round) {
     }
     collect_factors(p);
     if (p.odd) p.coeff = p.coeff ? neg(p.coeff.get()) : number(-1);
-    if (p.coeff && is_exact_one(p.coeff.get())) p.coeff = Ref();
+    if (p.coeff && is_exact_one(p.coeff.get())) p.coeff = MMM_ref();
     if (p.coeff && is_zero(p.coeff.get())) return std::move(p.coeff);
     Refs& ops_out = p.factors;
     if (p.split) {
@@ -630,8 +599,8 @@ Ref mult(Cell expr, const Refs& ops, int round) {
     }
     if (ops_out.empty()) return number(1);
     if (ops_out.size() == 1) return std::move(ops_out[0]);
-    Ref result = build(MFN_ID_MULT, ops_out);
-    if (expr && MCM_equal(result.get(), expr)) return Ref::borrow(expr);
+    MMM_ref result = build(MFN_ID_MULT, ops_out);
+    if (expr && MCM_equal(result.get(), expr)) return borrowed(expr);
     return result;
 }
 
@@ -653,12 +622,12 @@ bool looks_negative(Cell x, bool deep) {
         return false;
     }
     long negative = 0;
-    std::vector<std::pair<Ref, bool>> items;  // (operand made positive, was negated)
+    std::vector<std::pair<MMM_ref, bool>> items;  // (operand made positive, was negated)
     items.reserve(size_t(n));
     for (long i = 1; i <= n; ++i) {
         const bool ng = looks_negative(operand(x, i), false);
         negative += ng;
-        items.emplace_back(ng ? neg(operand(x, i)) : Ref::borrow(operand(x, i)), ng);
+        items.emplace_back(ng ? neg(operand(x, i)) : borrowed(operand(x, i)), ng);
     }
     if (2 * negative != n) return 2 * negative > n;
     // A tie: the first operand in the system order decides, numbers and the constants
@@ -671,15 +640,15 @@ bool looks_negative(Cell x, bool deep) {
 
 // ---- the companions ----
 
-Ref negate(Cell x, bool evaluate) {
+MMM_ref negate(Cell x, bool evaluate) {
     if (is_number(x)) return neg(x);
     if (is_poly(x)) return build(MFN_ID_MULT, {x, MAR_MINUS_ONE});
-    if (is_op(x, MFN_ID_NEGATE) && operand_count(x) == 1) return Ref::borrow(operand(x, 1));
+    if (is_op(x, MFN_ID_NEGATE) && operand_count(x) == 1) return borrowed(operand(x, 1));
     if (is_op(x, MFN_ID_MULT) && operand_count(x) >= 1) {
         Refs ops;
-        for (long i = 1; i <= operand_count(x); ++i) ops.push_back(Ref::borrow(operand(x, i)));
+        for (long i = 1; i <= operand_count(x); ++i) ops.push_back(borrowed(operand(x, i)));
         if (is_number(ops.back().get())) {
-            Ref c = neg(ops.back().get());
+            MMM_ref c = neg(ops.back().get());
             ops.pop_back();
             if (!is_exact_one(c.get())) ops.push_back(std::move(c));
         } else {
@@ -690,15 +659,15 @@ Ref negate(Cell x, bool evaluate) {
     }
     if (is_op(x, MFN_ID_PLUS)) {
         Refs ops;
-        for (long i = 1; i <= operand_count(x); ++i) ops.push_back(Ref(MAR_negate(operand(x, i), evaluate)));
+        for (long i = 1; i <= operand_count(x); ++i) ops.push_back(MMM_ref(MAR_negate(operand(x, i), evaluate)));
         return build(MFN_ID_PLUS, ops);
     }
     if (is_ident(x) || !evaluate) return build(MFN_ID_MULT, {x, MAR_MINUS_ONE});
     return product({x, MAR_MINUS_ONE});
 }
 
-Ref invert(Cell x) {
-    if (is_number(x)) return Ref(MAR_invert(x));
+MMM_ref invert(Cell x) {
+    if (is_number(x)) return MMM_ref(MAR_invert(x));
     if (tag(x) == DOM_INTERVAL || is_ident(x)) return build(MFN_ID_POWER, {x, MAR_MINUS_ONE});
     return power(x, MAR_MINUS_ONE, nullptr);
 }
@@ -715,35 +684,35 @@ Cell expr_invert(Cell x) {
     return r;
 }
 Cell expr_subtract(Cell a, Cell b) {
-    Ref nb = negate(b, true);
+    MMM_ref nb = negate(b, true);
     return sum({a, nb.get()}).take();
 }
 Cell expr_divide(Cell a, Cell b) {
-    Ref ib = invert(b);
+    MMM_ref ib = invert(b);
     return product({a, ib.get()}).take();
 }
 
 // ---- float values ----
 
 // Numbers, and sums, products and powers of numbers, as float numbers.
-Ref float_value(Cell x) {
-    if (float_routine) return Ref(float_routine(x));
+MMM_ref float_value(Cell x) {
+    if (float_routine) return MMM_ref(float_routine(x));
     if (is_number(x)) {
-        if (MAR_special(x)) return Ref::borrow(x);
+        if (MAR_special(x)) return borrowed(x);
         const pari_sp av = avma;
         Cell c = MAR_from_pari(MAR_float_parts(MAR_at_precision(MAR_get_raw(x))), false);
         set_avma(av);
-        return Ref(c);
+        return MMM_ref(c);
     }
     int op = -1;
     if (is_op(x, MFN_ID_PLUS)) op = MAR_ADD;
     else if (is_op(x, MFN_ID_MULT)) op = MAR_MULTIPLY;
     else if (is_op(x, MFN_ID_POWER) && operand_count(x) == 2) op = MAR_POWER;
-    if (op < 0 || operand_count(x) < 1) return Ref();
-    Ref acc = float_value(operand(x, 1));
+    if (op < 0 || operand_count(x) < 1) return MMM_ref();
+    MMM_ref acc = float_value(operand(x, 1));
     for (long i = 2; acc && i <= operand_count(x); ++i) {
-        Ref v = float_value(operand(x, i));
-        if (!v) return Ref();
+        MMM_ref v = float_value(operand(x, i));
+        if (!v) return MMM_ref();
         acc = binop(acc.get(), v.get(), op);
     }
     return acc;
@@ -753,11 +722,11 @@ Ref float_value(Cell x) {
 
 bool numeric(Cell c) { return tag(c) < 7 || (is_ident(c) && has_prop(c, MAR_PROP_NUMBER)); }
 
-Ref keep(Cell x, Cell y, Cell expr) { return expr ? Ref::borrow(expr) : build(MFN_ID_POWER, {x, y}); }
+MMM_ref keep(Cell x, Cell y, Cell expr) { return expr ? borrowed(expr) : build(MFN_ID_POWER, {x, y}); }
 
 // 0^y for a symbolic y, decided by the float value of y.
-Ref zero_power(Cell x, Cell y, Cell expr) {
-    Ref v = float_value(y);
+MMM_ref zero_power(Cell x, Cell y, Cell expr) {
+    MMM_ref v = float_value(y);
     if (!v || !is_number(v.get())) return keep(x, y, expr);
     int s;
     if (MMM_category(v.get()) == DOM_COMPLEX) {
@@ -775,7 +744,7 @@ Ref zero_power(Cell x, Cell y, Cell expr) {
 }
 
 // The exact root of an integer or a fraction x to the power p/q, or null.
-Ref exact_root(Cell x, Cell y) {
+MMM_ref exact_root(Cell x, Cell y) {
     const pari_sp av = avma;
     GEN e = MAR_get_raw(y);
     GEN p = gel(e, 1), q = gel(e, 2);
@@ -798,26 +767,26 @@ Ref exact_root(Cell x, Cell y) {
         }
         if (!r) {
             set_avma(av);
-            return Ref();
+            return MMM_ref();
         }
         roots[i] = r;
     }
     Cell root = MAR_from_pari(gdiv(roots[0], roots[1]), false);
     set_avma(av);
-    Ref base(root);
+    MMM_ref base(root);
     if (imaginary) base = binop(base.get(), MAR_I, MAR_MULTIPLY);
-    Ref exponent(MAR_from_pari(p, false));
+    MMM_ref exponent(MAR_from_pari(p, false));
     set_avma(av);
     return binop(base.get(), exponent.get(), MAR_POWER);
 }
 
 // The exact root of an integer or a fraction, through the cache, which is emptied when
 // it has grown beyond its limit.
-Ref cached_root(Cell x, Cell y) {
-    Ref key = build(MFN_ID_EXPRSEQ, {x, y});
+MMM_ref cached_root(Cell x, Cell y) {
+    MMM_ref key = build(MFN_ID_EXPRSEQ, {x, y});
     Cell found = nullptr;
-    if (MMM_table_find(root_cache, key.get(), &found) && found) return Ref::borrow(found);
-    Ref r = exact_root(x, y);
+    if (MMM_table_find(root_cache, key.get(), &found) && found) return borrowed(found);
+    MMM_ref r = exact_root(x, y);
     if (r) {
         if (MMM_table_count(root_cache) > ROOT_CACHE_LIMIT) {
             MMM_release(root_cache);
@@ -830,44 +799,44 @@ Ref cached_root(Cell x, Cell y) {
 
 // x^y for an integer x and a rational y: the exact root if there is one, else
 // x^f * x^k with k = floor(y), or null when that changes nothing.
-Ref integer_power(Cell x, Cell y) {
+MMM_ref integer_power(Cell x, Cell y) {
     if (is_exact_one(x)) return number(1);
-    if (Ref r = cached_root(x, y)) return r;
+    if (MMM_ref r = cached_root(x, y)) return r;
     const pari_sp av = avma;
     GEN e = MAR_get_raw(y);
     GEN k = gfloor(e);
     Cell kc = MAR_from_pari(k, false);
     Cell fc = MAR_from_pari(gsub(e, k), false);
     set_avma(av);
-    Ref kr(kc), f(fc);
-    Ref coeff = binop(x, kr.get(), MAR_POWER);
-    Ref base = Ref::borrow(x);
+    MMM_ref kr(kc), f(fc);
+    MMM_ref coeff = binop(x, kr.get(), MAR_POWER);
+    MMM_ref base = borrowed(x);
     if (real_sign(x) < 0 && MCM_equal(f.get(), MAR_HALF)) {
         // sqrt(-n) = I*sqrt(n)
         coeff = binop(coeff.get(), MAR_I, MAR_MULTIPLY);
         base = neg(x);
     }
-    if (is_exact_one(coeff.get())) return Ref();
+    if (is_exact_one(coeff.get())) return MMM_ref();
     return build(MFN_ID_MULT, {build(MFN_ID_POWER, {base.get(), f.get()}).get(), coeff.get()});
 }
 
 // x^y for a fraction x = a/b and a rational y: the exact root, else a^y * b^(-y) with
 // each part as for integers; a numerator 1 leaves the denominator's part alone.
-Ref fraction_power(Cell x, Cell y) {
-    if (Ref r = cached_root(x, y)) return r;
+MMM_ref fraction_power(Cell x, Cell y) {
+    if (MMM_ref r = cached_root(x, y)) return r;
     const pari_sp av = avma;
     GEN v = MAR_get_raw(x);
     Cell a = MAR_from_pari(gel(v, 1), false);
     Cell b = MAR_from_pari(gel(v, 2), false);
     set_avma(av);
-    Ref num(a), den(b);
-    Ref minus_y = neg(y);
+    MMM_ref num(a), den(b);
+    MMM_ref minus_y = neg(y);
     const bool unit = is_exact_one(num.get());
-    Ref top = unit ? Ref() : integer_power(num.get(), y);
-    Ref bottom = integer_power(den.get(), minus_y.get());
+    MMM_ref top = unit ? MMM_ref() : integer_power(num.get(), y);
+    MMM_ref bottom = integer_power(den.get(), minus_y.get());
     // With a numerator 1 the denominator's power is the result: b^(-y) also when no root
     // or integer part came out of it.
-    if (!top && !bottom && !unit) return Ref();
+    if (!top && !bottom && !unit) return MMM_ref();
     if (!bottom) bottom = build(MFN_ID_POWER, {den.get(), minus_y.get()});
     if (unit) return bottom;
     if (!top) top = build(MFN_ID_POWER, {num.get(), y});
@@ -875,11 +844,11 @@ Ref fraction_power(Cell x, Cell y) {
 }
 
 // Both operands numeric: numbers, or identifiers that stand for numbers.
-Ref number_power(Cell x, Cell y, Cell expr) {
+MMM_ref number_power(Cell x, Cell y, Cell expr) {
     const unsigned px = MAR_properties(x), py = MAR_properties(y);
     if (is_float_zero(y)) return float_one();
     if (is_small(y, 0) || (py & MAR_PROP_ZERO)) return holds_float(x) ? float_one() : number(1);
-    if (is_ident(x) && (is_exact_one(y) || (py & MAR_PROP_ONE))) return Ref::borrow(x);
+    if (is_ident(x) && (is_exact_one(y) || (py & MAR_PROP_ONE))) return borrowed(x);
     if (is_exact_one(x) || (px & MAR_PROP_ONE)) return holds_float(y) ? float_one() : number(1);
     if (is_zero(x) || (px & MAR_PROP_ZERO)) {
         const bool exact = !holds_float(x) && !holds_float(y);
@@ -893,18 +862,18 @@ Ref number_power(Cell x, Cell y, Cell expr) {
     }
     if (is_small(x, -1) && tag(y) == DOM_RAT) {
         // (-1)^(p/q): whole turns out of p when |p| >= q, an odd number of them a sign.
-        Ref reduced = Ref::borrow(y);
+        MMM_ref reduced = borrowed(y);
         bool odd = false;
         const pari_sp av = avma;
         GEN e = MAR_get_raw(y);
         if (abscmpii(gel(e, 1), gel(e, 2)) >= 0) {
             GEN r;
             odd = mpodd(dvmdii(gel(e, 1), gel(e, 2), &r));
-            reduced = Ref(MAR_from_pari(gdiv(r, gel(e, 2)), false));
+            reduced = MMM_ref(MAR_from_pari(gdiv(r, gel(e, 2)), false));
         }
         set_avma(av);
-        Ref result;
-        if (MCM_equal(reduced.get(), MAR_HALF)) result = Ref::borrow(MAR_I);
+        MMM_ref result;
+        if (MCM_equal(reduced.get(), MAR_HALF)) result = borrowed(MAR_I);
         else if (MCM_equal(reduced.get(), MAR_MINUS_HALF)) result = neg(MAR_I);
         else if (!odd && reduced.get() == y) return keep(x, y, expr);
         else result = build(MFN_ID_POWER, {x, reduced.get()});
@@ -913,27 +882,27 @@ Ref number_power(Cell x, Cell y, Cell expr) {
     const bool idents = is_ident(x) || is_ident(y);
     if (idents || (!is_integer(y) && !holds_float(x) && !holds_float(y))) {
         if (tag(y) != DOM_RAT) return keep(x, y, expr);
-        Ref r = is_integer(x) ? integer_power(x, y) : tag(x) == DOM_RAT ? fraction_power(x, y) : Ref();
+        MMM_ref r = is_integer(x) ? integer_power(x, y) : tag(x) == DOM_RAT ? fraction_power(x, y) : MMM_ref();
         return r ? std::move(r) : keep(x, y, expr);
     }
     if (MCM_equal(y, MAR_HALF)) {
         const pari_sp av = avma;
         Cell c = MAR_from_pari(gsqrt(MAR_at_precision(MAR_get(x)), MAR_pari_precision), false);
         set_avma(av);
-        return Ref(c);
+        return MMM_ref(c);
     }
     return binop(x, y, MAR_POWER);
 }
 
 // x symbolic, y numeric.
-Ref symbol_power(Cell x, Cell y, Cell expr) {
+MMM_ref symbol_power(Cell x, Cell y, Cell expr) {
     const unsigned py = MAR_properties(y);
     if (is_float_zero(y)) return float_one();
     if (is_small(y, 0) || (py & MAR_PROP_ZERO)) return number(1);
-    if (is_exact_one(y) || (py & MAR_PROP_ONE)) return Ref::borrow(x);
+    if (is_exact_one(y) || (py & MAR_PROP_ONE)) return borrowed(x);
     if (is_integer(y) && looks_negative(x, true)) {
-        Ref nx = negate(x, true);
-        Ref r = power(nx.get(), y, nullptr);
+        MMM_ref nx = negate(x, true);
+        MMM_ref r = power(nx.get(), y, nullptr);
         return is_odd(y) ? negate(r.get(), true) : std::move(r);
     }
     if (is_op(x, MFN_ID_POWER) && operand_count(x) == 2) {
@@ -947,8 +916,8 @@ Ref symbol_power(Cell x, Cell y, Cell expr) {
                 merge = with_value(e, [](GEN g) { return gcmpsg(-1, g) < 0 && gcmpsg(1, g) >= 0; });
             }
             if (merge) {
-                Ref ne = !e_ident && !is_ident(y) ? binop(e, y, MAR_MULTIPLY) : product({e, y});
-                if (is_exact_one(ne.get())) return Ref::borrow(b);
+                MMM_ref ne = !e_ident && !is_ident(y) ? binop(e, y, MAR_MULTIPLY) : product({e, y});
+                if (is_exact_one(ne.get())) return borrowed(b);
                 return power(b, ne.get(), nullptr);
             }
         }
@@ -956,7 +925,7 @@ Ref symbol_power(Cell x, Cell y, Cell expr) {
     return keep(x, y, expr);
 }
 
-Ref power(Cell x, Cell y, Cell expr) {
+MMM_ref power(Cell x, Cell y, Cell expr) {
     if (is_poly(x)) {
         if (tag(y) != DOM_INT) MER_raise(MER_INTEGER_EXPECTED, "_power");
         return keep(x, y, expr);
@@ -974,7 +943,7 @@ Ref power(Cell x, Cell y, Cell expr) {
             return product(factors);
         }
         if (is_op(x, MFN_ID_POWER) && operand_count(x) == 2) {
-            Ref e = product({operand(x, 2), y});
+            MMM_ref e = product({operand(x, 2), y});
             return power(operand(x, 1), e.get(), nullptr);
         }
     }
@@ -982,7 +951,7 @@ Ref power(Cell x, Cell y, Cell expr) {
     if (nx && ny) return number_power(x, y, expr);
     if (nx) {
         const unsigned px = MAR_properties(x);
-        if (is_exact_one(x) || (px & MAR_PROP_ONE)) return Ref::borrow(x);
+        if (is_exact_one(x) || (px & MAR_PROP_ONE)) return borrowed(x);
         if (is_zero(x) || (px & MAR_PROP_ZERO)) return zero_power(x, y, expr);
         if (is_small(x, -1)) return MAR_is_even(y) ? number(1) : keep(x, y, expr);
         if (MAR_is_even(y) && looks_negative(x, true)) return build(MFN_ID_POWER, {neg(x).get(), y});

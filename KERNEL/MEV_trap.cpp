@@ -9,6 +9,7 @@
 #include "MEV_eval.h"
 #include "MFN_env.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 #include "MSY_process.h"
 
@@ -69,7 +70,7 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
     }
 
     const int32_t call_depth = MEV_call_depth, depth = MEV_depth;
-    Cell frame = MMM_retained(MEV_frame);
+    MMM_ref frame(MMM_retained(MEV_frame));
     const bool trapped = MER_trapped;
     TimeLimit limit;
     if (seconds) limit.start(seconds);
@@ -88,7 +89,6 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
         MER_restore(snapshot);
         MER_free_snapshot(snapshot);
         MER_trapped = trapped;
-        MMM_release(frame);
         throw;
     }
     // The limit ends before anything else, so that nothing below is cut short by it.
@@ -100,15 +100,13 @@ Cell builtin_traperror(Cell e, int context, unsigned flags, Cell) {
         MEV_call_depth = call_depth;
         MEV_depth = depth;
         // The activation is an owned reference: the one held since the start goes back.
-        if (MEV_frame != frame) {
+        if (MEV_frame != frame.get()) {
             MMM_release(MEV_frame);
-            MEV_frame = frame;
-            frame = nullptr;
+            MEV_frame = frame.take();
         }
     }
     MER_free_snapshot(snapshot);
     MER_trapped = trapped;
-    MMM_release(frame);
     if (MER_pending >= MER_FIRST_SYNTAX) MER_pending = 0;  // a syntax error ends here
     if (MER_pending > 0) throw MER_exception{MER_pending};
     if (outer_expired) MER_raise(MER_TIME_EXCEEDED, nullptr);
