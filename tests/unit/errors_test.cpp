@@ -176,4 +176,25 @@ TEST(Errors, AProtectionErrorLeavesTheSettingAsItWas) {
     EXPECT_EQ(eval("protected(DIGITS, None)"), "Error");
 }
 
+TEST(Errors, CellsHeldWhereAnErrorPassesAreReleased) {
+    // Each statement raises half-way through work that holds counted cells: a sum or a
+    // list with operands already evaluated, a loop's bounds and counter, the arguments
+    // of a call, an index being written, a sequence and a table being built. Nothing is
+    // swept in between, so a count left behind stays a live cell.
+    eval("t_ok := x -> x + 1: t_bad := proc(x) begin error(\"bad\") end_proc: "
+         "t_wrap := proc(a) begin a + t_bad(a) end_proc: t_list := [1, 2]");
+    const char* trapped =
+        "traperror(t_ok(1) + t_ok(2) + t_bad(3)), traperror([t_ok(1), t_bad(2)]), "
+        "traperror((for t_i from 0.5 to 3 do t_bad(t_i) end_for)), traperror((t_list[t_bad(1)] := 2)), "
+        "traperror(t_wrap(1, 2, 3)), traperror((t_ok(t_i) + t_bad(t_i) $ t_i = 1..3)), "
+        "traperror(table(1 = t_ok(1), 2 = t_bad(2)))";
+    const std::string all_raised = "_exprseq(1028, 1028, 1028, 1028, 1028, 1028, 1028)";
+    ASSERT_EQ(eval(trapped), all_raised);
+    const uint64_t before = MMM_live_cells();
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(eval(trapped), all_raised);
+    EXPECT_EQ(MMM_live_cells(), before);
+    EXPECT_EQ(eval("t_list"), "DOM_LIST(1, 2)");
+    eval("delete t_ok, t_bad, t_wrap, t_list, t_i");
+}
+
 }  // namespace
