@@ -38,12 +38,12 @@ struct OptionWord {
     uint16_t bits;
 };
 constexpr OptionWord option_words[] = {
-    {"remember", MEV_PROC_REMEMBER}, {"hold", MEV_PROC_HOLD},     {"noDebug", MEV_PROC_NO_DEBUG},
-    {"arrow", MEV_PROC_ARROW},       {"escape", MEV_PROC_ESCAPE}, {"noExpose", MEV_PROC_NO_EXPOSE | MEV_PROC_NO_DEBUG},
+    {"remember", MMM_PROC_REMEMBER}, {"hold", MMM_PROC_HOLD},     {"noDebug", MMM_PROC_NO_DEBUG},
+    {"arrow", MMM_PROC_ARROW},       {"escape", MMM_PROC_ESCAPE}, {"noExpose", MMM_PROC_NO_EXPOSE | MMM_PROC_NO_DEBUG},
 };
 
 bool is_cat(Cell c, int category) { return c && MMM_kind_of(c) == MMM_NODE && MMM_category(c) == category; }
-bool is_proc(Cell c) { return is_cat(c, DOM_PROC) && MMM_child_count(c) == MEV_PF_COUNT; }
+bool is_proc(Cell c) { return is_cat(c, DOM_PROC) && MMM_child_count(c) == MMM_PF_COUNT; }
 
 // The items of a parameter, local, saved or option field: NIL has none, a sequence its
 // operands, anything else is one item.
@@ -162,7 +162,7 @@ bool remember_served(Cell call_name) {
 }
 
 void remember_store(Cell proc, Cell args, Cell value) {
-    Cell& table = MMM_children(proc)[MEV_PF_REMEMBER];
+    Cell& table = MMM_children(proc)[MMM_PF_REMEMBER];
     if (table == MMM_NIL) {
         MMM_release(table);
         table = MMM_make_table(0);
@@ -209,7 +209,7 @@ std::string clipped(const std::string& text) { return text.size() > 80 ? text.su
 }
 
 void check_arguments(Cell frame, Cell proc, long nargs, long nparams) {
-    Cell types = MMM_child(proc, MEV_PF_PARAM_TYPES);
+    Cell types = MMM_child(proc, MMM_PF_PARAM_TYPES);
     const long first = words(frame)[MEV_AW_FIRST_ARG];
     for (long k = 0; k < nparams; ++k) {
         Cell type = entry(types, k, nparams);
@@ -225,7 +225,7 @@ void check_arguments(Cell frame, Cell proc, long nargs, long nparams) {
 }
 
 void check_result(Cell frame, Cell proc, Cell result) {
-    Cell type = MMM_child(proc, MEV_PF_RETURN_TYPE);
+    Cell type = MMM_child(proc, MMM_PF_RETURN_TYPE);
     if (type == MMM_NIL || type_ok(result, type)) return;
     type_error("Wrong type of return value (type '" + text_of(type) + "' expected,\n       value is '" +
                    clipped(text_of(result)) + "')",
@@ -267,7 +267,7 @@ Cell eval_local(Cell var, int, unsigned) {
         *s = MMM_retained(MMM_NIL);
         if (MEV_warn_uninitialized) {
             Cell p = MMM_child(a, MEV_AC_PROC);
-            Cell name = p ? MEV_var_name(MMM_var_index(var), MMM_child(p, MEV_PF_PARAMS), MMM_child(p, MEV_PF_LOCALS))
+            Cell name = p ? MEV_var_name(MMM_var_index(var), MMM_child(p, MMM_PF_PARAMS), MMM_child(p, MMM_PF_LOCALS))
                           : nullptr;
             MER_warn(MER_WARN_UNINITIALIZED, nullptr, name ? ident_text(name).c_str() : "unknown");
         }
@@ -283,7 +283,7 @@ Cell printer_var_name(int depth, int index) {
     Cell a = reach(MEV_frame, depth);
     if (!a || !MMM_child(a, MEV_AC_PROC)) return nullptr;
     Cell p = MMM_child(a, MEV_AC_PROC);
-    return MEV_var_name(index, MMM_child(p, MEV_PF_PARAMS), MMM_child(p, MEV_PF_LOCALS));
+    return MEV_var_name(index, MMM_child(p, MMM_PF_PARAMS), MMM_child(p, MMM_PF_LOCALS));
 }
 
 bool context_name(std::string& name) {
@@ -343,11 +343,11 @@ Cell make_procedure(Cell tree, bool closed, bool lenient) {
     const long n = MMM_child_count(tree);
     if (n != 7 && n != 9 && n != 13 && n != 14) MER_raise(MER_WRONG_ARG_COUNT, "_procdef");
     auto field = [&](long i, Cell missing) { return i < n ? MMM_child(tree, i) : missing; };
-    uint16_t bits = read_options(field(3, MMM_NIL), lenient) | MEV_PROC_NORMALISED;
-    if (closed) bits |= MEV_PROC_CLOSED;
+    uint16_t bits = read_options(field(3, MMM_NIL), lenient) | MMM_PROC_NORMALISED;
+    if (closed) bits |= MMM_PROC_CLOSED;
     if (MEV_depth == 0) warn_duplicates(field(1, MMM_NIL), field(2, MMM_NIL), field(10, MMM_NIL), field(5, MMM_NIL));
     Cell body = MMM_retained(field(4, MMM_NIL));
-    if ((bits & MEV_PROC_NO_EXPOSE) && !MMM_is_call_of(body, MFN_ID_STMTSEQ)) {
+    if ((bits & MMM_PROC_NO_EXPOSE) && !MMM_is_call_of(body, MFN_ID_STMTSEQ)) {
         // A hidden body is a call of the statement sequence, where printing stops.
         Cell wrapped = MMM_make_expr(2);
         MMM_children(wrapped)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_STMTSEQ));
@@ -355,21 +355,21 @@ Cell make_procedure(Cell tree, bool closed, bool lenient) {
         MMM_sign(wrapped);
         body = wrapped;
     }
-    Cell p = MMM_new_node(DOM_PROC, MEV_PF_COUNT);
+    Cell p = MMM_new_node(DOM_PROC, MMM_PF_COUNT);
     Cell* c = MMM_children(p);
-    c[MEV_PF_CODE] = MMM_retained(call_code);
-    c[MEV_PF_PARAMS] = MMM_retained(field(1, MMM_NIL));
-    c[MEV_PF_LOCALS] = MMM_retained(field(2, MMM_NIL));
-    c[MEV_PF_BODY] = body;
-    c[MEV_PF_REMEMBER] = MMM_retained(MMM_NIL);
-    c[MEV_PF_NAME] = MMM_retained(field(5, MMM_NIL));
-    c[MEV_PF_PARAM_TYPES] = MMM_retained(field(6, MMM_NIL));
-    c[MEV_PF_RETURN_TYPE] = MMM_retained(field(7, MMM_NIL));
-    c[MEV_PF_LOCAL_TYPES] = MMM_retained(field(8, MMM_NIL));
-    c[MEV_PF_DEFAULTS] = MMM_retained(field(9, MMM_NIL));
-    c[MEV_PF_SAVED] = MMM_retained(field(10, MMM_NIL));
-    c[MEV_PF_CLOSURE] = MMM_retained(field(11, MMM_FAIL));
-    c[MEV_PF_DOMAIN] = MMM_retained(field(12, MMM_NIL));
+    c[MMM_PF_CODE] = MMM_retained(call_code);
+    c[MMM_PF_PARAMS] = MMM_retained(field(1, MMM_NIL));
+    c[MMM_PF_LOCALS] = MMM_retained(field(2, MMM_NIL));
+    c[MMM_PF_BODY] = body;
+    c[MMM_PF_REMEMBER] = MMM_retained(MMM_NIL);
+    c[MMM_PF_NAME] = MMM_retained(field(5, MMM_NIL));
+    c[MMM_PF_PARAM_TYPES] = MMM_retained(field(6, MMM_NIL));
+    c[MMM_PF_RETURN_TYPE] = MMM_retained(field(7, MMM_NIL));
+    c[MMM_PF_LOCAL_TYPES] = MMM_retained(field(8, MMM_NIL));
+    c[MMM_PF_DEFAULTS] = MMM_retained(field(9, MMM_NIL));
+    c[MMM_PF_SAVED] = MMM_retained(field(10, MMM_NIL));
+    c[MMM_PF_CLOSURE] = MMM_retained(field(11, MMM_FAIL));
+    c[MMM_PF_DOMAIN] = MMM_retained(field(12, MMM_NIL));
     MMM_set_node_flags(p, bits);
     MMM_sign(p);
     return p;
@@ -382,24 +382,24 @@ Cell procdef_from_reader(Cell tree, bool closed) { return make_procedure(tree, c
 Cell MEV_procdef(Cell tree, bool closed) { return make_procedure(tree, closed, false); }
 
 Cell MEV_bind_closure(Cell proc, int, unsigned flags) {
-    if ((flags & MEV_HOLD) || !is_proc(proc) || MMM_child(proc, MEV_PF_CLOSURE) != MMM_FAIL) return MMM_retained(proc);
-    const long nparams = item_count(MMM_child(proc, MEV_PF_PARAMS));
-    MMM_ref defaults(evaluated_field(MMM_child(proc, MEV_PF_DEFAULTS), nparams));
-    MMM_ref types(evaluated_field(MMM_child(proc, MEV_PF_PARAM_TYPES), nparams));
-    MMM_ref return_type(evaluated_field(MMM_child(proc, MEV_PF_RETURN_TYPE), 1));
+    if ((flags & MEV_HOLD) || !is_proc(proc) || MMM_child(proc, MMM_PF_CLOSURE) != MMM_FAIL) return MMM_retained(proc);
+    const long nparams = item_count(MMM_child(proc, MMM_PF_PARAMS));
+    MMM_ref defaults(evaluated_field(MMM_child(proc, MMM_PF_DEFAULTS), nparams));
+    MMM_ref types(evaluated_field(MMM_child(proc, MMM_PF_PARAM_TYPES), nparams));
+    MMM_ref return_type(evaluated_field(MMM_child(proc, MMM_PF_RETURN_TYPE), 1));
     MMM_ref p(MMM_retained(proc));
     MMM_clone(p.slot());
     Cell* c = MMM_children(p.get());
-    MMM_release(c[MEV_PF_CLOSURE]);
-    c[MEV_PF_CLOSURE] = nullptr;
-    c[MEV_PF_CLOSURE] =
-        !MEV_frame || (MMM_node_flags(p.get()) & MEV_PROC_CLOSED) ? MMM_retained(MMM_NIL) : make_proc_env(MEV_frame);
-    MMM_release(c[MEV_PF_DEFAULTS]);
-    c[MEV_PF_DEFAULTS] = defaults.take();
-    MMM_release(c[MEV_PF_PARAM_TYPES]);
-    c[MEV_PF_PARAM_TYPES] = types.take();
-    MMM_release(c[MEV_PF_RETURN_TYPE]);
-    c[MEV_PF_RETURN_TYPE] = return_type.take();
+    MMM_release(c[MMM_PF_CLOSURE]);
+    c[MMM_PF_CLOSURE] = nullptr;
+    c[MMM_PF_CLOSURE] =
+        !MEV_frame || (MMM_node_flags(p.get()) & MMM_PROC_CLOSED) ? MMM_retained(MMM_NIL) : make_proc_env(MEV_frame);
+    MMM_release(c[MMM_PF_DEFAULTS]);
+    c[MMM_PF_DEFAULTS] = defaults.take();
+    MMM_release(c[MMM_PF_PARAM_TYPES]);
+    c[MMM_PF_PARAM_TYPES] = types.take();
+    MMM_release(c[MMM_PF_RETURN_TYPE]);
+    c[MMM_PF_RETURN_TYPE] = return_type.take();
     MMM_sign(p.get());
     return p.take();
 }
@@ -409,10 +409,10 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     if (MEV_call_depth >= MEV_max_depth) MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXDEPTH");
     if (!is_proc(proc)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
     const uint16_t options = MMM_node_flags(proc);
-    const bool escape = options & MEV_PROC_ESCAPE;
+    const bool escape = options & MMM_PROC_ESCAPE;
     Cell const* field = MMM_children(proc);
     // 3. The call name: `anonymous` for none, NIL for an empty `name`.
-    Cell name = field[MEV_PF_NAME];
+    Cell name = field[MMM_PF_NAME];
     Cell call_name = name == MMM_NIL                                                         ? anonymous
                      : MMM_is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1 ? MMM_NIL
                                                                                            : name;
@@ -422,7 +422,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     MMM_ref args;
     if (flags & MEV_ARGS_FLAT) {
         args.reset(MMM_retained(expr));
-    } else if ((flags & MEV_ARGS_SPLICE) || (options & MEV_PROC_HOLD)) {
+    } else if ((flags & MEV_ARGS_SPLICE) || (options & MMM_PROC_HOLD)) {
         args.reset(MMM_retained(expr));
         MEV_flatten(args.slot(), 2);
     } else {
@@ -431,7 +431,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     }
     // 7. The remember table, before any activation is made.
     const bool served = remember_served(call_name);
-    Cell table = field[MEV_PF_REMEMBER];
+    Cell table = field[MMM_PF_REMEMBER];
     if (served && table != MMM_NIL) {
         if (!is_cat(table, DOM_TABLE)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
         Cell found = nullptr;
@@ -450,17 +450,17 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
     MMM_ref result;
     try {
         // 9.
-        if (options & MEV_PROC_NO_EXPOSE) check_hidden_body(field[MEV_PF_BODY]);
+        if (options & MMM_PROC_NO_EXPOSE) check_hidden_body(field[MMM_PF_BODY]);
         // 10.
-        const long nparams = item_count(field[MEV_PF_PARAMS]);
-        const long nlocals = item_count(field[MEV_PF_LOCALS]);
-        const long nsaved = item_count(field[MEV_PF_SAVED]);
+        const long nparams = item_count(field[MMM_PF_PARAMS]);
+        const long nlocals = item_count(field[MMM_PF_LOCALS]);
+        const long nsaved = item_count(field[MMM_PF_SAVED]);
         const long nargs = MMM_child_count(args.get()) - 1;
         // 11. The lexical parent and `dom`.
         Cell parent = nullptr;
-        if (!(options & MEV_PROC_CLOSED) && is_cat(field[MEV_PF_CLOSURE], DOM_PROC_ENV))
-            parent = MMM_child(field[MEV_PF_CLOSURE], 0);
-        Cell dom = field[MEV_PF_DOMAIN];
+        if (!(options & MMM_PROC_CLOSED) && is_cat(field[MMM_PF_CLOSURE], DOM_PROC_ENV))
+            parent = MMM_child(field[MMM_PF_CLOSURE], 0);
+        Cell dom = field[MMM_PF_DOMAIN];
         if (dom == MMM_NIL && parent) {
             Cell* s = slot_of(parent, 1);
             if (s && *s) dom = *s;
@@ -488,7 +488,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         frame_current = true;
         // 13. Names saved by the header; the NIL beside a value marks it for restoring.
         for (long k = 0; k < nsaved; ++k) {
-            Cell id = item(field[MEV_PF_SAVED], k);
+            Cell id = item(field[MMM_PF_SAVED], k);
             if (!is_cat(id, DOM_IDENT)) continue;
             c[MEV_AC_SAVED + 2 * k] = MMM_value_in(id, MMM_current_frame, true);
             c[MEV_AC_SAVED + 2 * k + 1] = MMM_retained(MMM_NIL);
@@ -497,21 +497,21 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         for (long i = 0; i < nargs; ++i) c[first_arg + i] = MMM_retained(MMM_child(args.get(), i + 1));
         // 15. Defaults for the missing ones.
         for (long k = nargs; k < nparams; ++k)
-            if (Cell d = entry(field[MEV_PF_DEFAULTS], k, nparams)) c[first_arg + k] = MMM_retained(d);
+            if (Cell d = entry(field[MMM_PF_DEFAULTS], k, nparams)) c[first_arg + k] = MMM_retained(d);
         // 16.
         MMM_sign(frame);
         // 17. Type tests, which do not test themselves.
         const bool check = caller.type_check == 1 || (caller.type_check == 2 && MEV_call_depth == 1);
-        if (check && field[MEV_PF_PARAM_TYPES] != MMM_NIL) {
+        if (check && field[MMM_PF_PARAM_TYPES] != MMM_NIL) {
             MEV_type_check = 0;
             check_arguments(frame, proc, nargs, nparams);
             MEV_type_check = caller.type_check;
         }
         // 18.
-        remember_now = (options & MEV_PROC_REMEMBER) && served;
+        remember_now = (options & MMM_PROC_REMEMBER) && served;
         if (!remember_now) args.reset();
         // 19. The body.
-        Cell body = field[MEV_PF_BODY];
+        Cell body = field[MMM_PF_BODY];
         MEV_value_pending = 0;
         if (body == MMM_NIL) {
             result.reset(MMM_retained(MMM_NULL));
@@ -525,7 +525,7 @@ Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
         // 22. A `return` (or a stray `next` or `break`) ends here; `quit` goes on.
         if (MEV_control != MEV_CONTROL_QUIT) MEV_control = MEV_CONTROL_NONE;
         // 23.
-        if (check && field[MEV_PF_RETURN_TYPE] != MMM_NIL) {
+        if (check && field[MMM_PF_RETURN_TYPE] != MMM_NIL) {
             MEV_type_check = 0;
             check_result(frame, proc, result.get());
             MEV_type_check = caller.type_check;
@@ -682,7 +682,7 @@ void MEV_frame_leave(Cell frame) {
     // Then the names of the header.
     Cell proc = c[MEV_AC_PROC];
     if (!proc) return;
-    Cell saved = MMM_child(proc, MEV_PF_SAVED);
+    Cell saved = MMM_child(proc, MMM_PF_SAVED);
     const long n = item_count(saved);
     for (long k = 0; k < n && MEV_AC_SAVED + 2 * k + 1 < words(frame)[MEV_AW_FIRST_SLOT]; ++k) {
         Cell& marker = c[MEV_AC_SAVED + 2 * k + 1];
@@ -718,11 +718,11 @@ Cell copy_activation(Cell a) {
 }  // namespace
 
 Cell MEV_copy_closure(Cell proc) {
-    if (!is_proc(proc) || !is_cat(MMM_child(proc, MEV_PF_CLOSURE), DOM_PROC_ENV)) return MMM_retained(proc);
-    Cell copy = copy_activation(MMM_child(MMM_child(proc, MEV_PF_CLOSURE), MEV_PROC_ENV_ACTIVATION));
+    if (!is_proc(proc) || !is_cat(MMM_child(proc, MMM_PF_CLOSURE), DOM_PROC_ENV)) return MMM_retained(proc);
+    Cell copy = copy_activation(MMM_child(MMM_child(proc, MMM_PF_CLOSURE), MEV_PROC_ENV_ACTIVATION));
     Cell p = MMM_retained(proc);
     MMM_clone(&p);
-    Cell& closure = MMM_children(p)[MEV_PF_CLOSURE];
+    Cell& closure = MMM_children(p)[MMM_PF_CLOSURE];
     MMM_release(closure);
     closure = copy ? make_proc_env(copy) : MMM_retained(MMM_NIL);
     MMM_release(copy);
@@ -735,9 +735,9 @@ void MEV_running_scopes(std::vector<Cell>& params, std::vector<Cell>& locals, st
     for (Cell a = MEV_frame; a && MMM_child(a, MEV_AC_PROC); a = MMM_child(a, MEV_AC_LEXICAL)) chain.push_back(a);
     for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
         Cell p = MMM_child(*it, MEV_AC_PROC);
-        params.push_back(MMM_retained(MMM_child(p, MEV_PF_PARAMS)));
-        locals.push_back(MMM_retained(MMM_child(p, MEV_PF_LOCALS)));
-        names.push_back(MMM_retained(MMM_child(p, MEV_PF_NAME)));
+        params.push_back(MMM_retained(MMM_child(p, MMM_PF_PARAMS)));
+        locals.push_back(MMM_retained(MMM_child(p, MMM_PF_LOCALS)));
+        names.push_back(MMM_retained(MMM_child(p, MMM_PF_NAME)));
     }
 }
 
@@ -749,11 +749,11 @@ void MEV_name_procedure(Cell lhs, Cell value) {
         env = value;
         p = MMM_child(value, MFN_ENV_EVALUATOR);
     }
-    if (!is_proc(p) || MMM_child(p, MEV_PF_NAME) != MMM_NIL) return;
+    if (!is_proc(p) || MMM_child(p, MMM_PF_NAME) != MMM_NIL) return;
     Cell name = is_cat(lhs, DOM_IDENT) ? lhs : is_cat(lhs, DOM_VAR) ? MEV_var_ident(lhs) : nullptr;
     if (!name) return;
     // In place: the value may be shared, and every holder sees the name.
-    Cell& field = MMM_children(p)[MEV_PF_NAME];
+    Cell& field = MMM_children(p)[MMM_PF_NAME];
     MMM_release(field);
     field = MMM_retained(name);
     MMM_sign(p);
@@ -777,18 +777,18 @@ bool MEV_assign_remembered(Cell lhs, Cell f, Cell value) {
         MMM_children(body)[0] = MMM_retained(MMM_var(0, 0));
         MMM_children(body)[1] = args_call;
         MMM_sign(body);
-        made.reset(MMM_new_node(DOM_PROC, MEV_PF_COUNT));
+        made.reset(MMM_new_node(DOM_PROC, MMM_PF_COUNT));
         Cell* c = MMM_children(made.get());
-        for (int i = 0; i < MEV_PF_COUNT; ++i) c[i] = MMM_retained(MMM_NIL);
-        MMM_release(c[MEV_PF_CODE]);
-        c[MEV_PF_CODE] = MMM_retained(call_code);
-        MMM_release(c[MEV_PF_BODY]);
-        c[MEV_PF_BODY] = body;
-        MMM_release(c[MEV_PF_REMEMBER]);
-        c[MEV_PF_REMEMBER] = MMM_make_table(0);
-        MMM_release(c[MEV_PF_NAME]);
-        c[MEV_PF_NAME] = MMM_retained(f);
-        MMM_set_node_flags(made.get(), MEV_PROC_NORMALISED | MEV_PROC_REMEMBER | MEV_PROC_CLOSED);
+        for (int i = 0; i < MMM_PF_COUNT; ++i) c[i] = MMM_retained(MMM_NIL);
+        MMM_release(c[MMM_PF_CODE]);
+        c[MMM_PF_CODE] = MMM_retained(call_code);
+        MMM_release(c[MMM_PF_BODY]);
+        c[MMM_PF_BODY] = body;
+        MMM_release(c[MMM_PF_REMEMBER]);
+        c[MMM_PF_REMEMBER] = MMM_make_table(0);
+        MMM_release(c[MMM_PF_NAME]);
+        c[MMM_PF_NAME] = MMM_retained(f);
+        MMM_set_node_flags(made.get(), MMM_PROC_NORMALISED | MMM_PROC_REMEMBER | MMM_PROC_CLOSED);
         MMM_sign(made.get());
         MMM_release(MMM_set_value(f, made.get(), 0, MMM_current_frame));
         proc = made.get();

@@ -1,7 +1,7 @@
 // Procedures: DOM_PROC values, activations, local variables, closures and the call.
 //
-// A procedure is a DOM_PROC node of 13 children (MEV_proc_field) whose node flags hold
-// its options. A call makes an activation, an MMM_PROC_ENV cell: five raw words and a
+// A procedure is a DOM_PROC node of 13 children (MMM_proc_field, a value layout in
+// MMM_values.h, read by the printer too) whose node flags hold its options (MMM_PROC_*). A call makes an activation, an MMM_PROC_ENV cell: five raw words and a
 // child array holding the procedure, the lexical parent, the caller, the ring of the
 // last three results, the list of names to restore, the saved names, and then the
 // addressable slots: the call name, `dom`, the locals and the arguments. A local of a
@@ -17,34 +17,7 @@
 #include <vector>
 
 #include "MMM_cell.h"
-
-// Option bits of a procedure's node flags.
-constexpr uint16_t MEV_PROC_NORMALISED = 1u << 3;
-constexpr uint16_t MEV_PROC_NO_DEBUG = 1u << 4;
-constexpr uint16_t MEV_PROC_HOLD = 1u << 5;
-constexpr uint16_t MEV_PROC_REMEMBER = 1u << 6;
-constexpr uint16_t MEV_PROC_ARROW = 1u << 7;
-constexpr uint16_t MEV_PROC_ESCAPE = 1u << 8;
-constexpr uint16_t MEV_PROC_NO_EXPOSE = 1u << 9;
-constexpr uint16_t MEV_PROC_CLOSED = 1u << 14;  // binds no closure when evaluated
-
-// Children of a DOM_PROC.
-enum MEV_proc_field : int {
-    MEV_PF_CODE = 0,         // MMM_CODE of the procedure call, code number 100
-    MEV_PF_PARAMS = 1,       // NIL, an identifier, or _exprseq of identifiers
-    MEV_PF_LOCALS = 2,       // as the parameters
-    MEV_PF_BODY = 3,
-    MEV_PF_REMEMBER = 4,     // NIL or a DOM_TABLE
-    MEV_PF_NAME = 5,         // NIL, an identifier, an empty _exprseq, or a slot call
-    MEV_PF_PARAM_TYPES = 6,  // NIL, one type (one parameter) or _exprseq, NIL where none
-    MEV_PF_RETURN_TYPE = 7,
-    MEV_PF_LOCAL_TYPES = 8,  // what the parser gives as local types; the printer shows it
-    MEV_PF_DEFAULTS = 9,     // as the parameter types
-    MEV_PF_SAVED = 10,       // names of `save` in the header
-    MEV_PF_CLOSURE = 11,     // FAIL unbound, NIL top level, or a DOM_PROC_ENV
-    MEV_PF_DOMAIN = 12,
-    MEV_PF_COUNT = 13,
-};
+#include "MMM_values.h"
 
 // The one child of a DOM_PROC_ENV: the activation it stands for.
 constexpr int MEV_PROC_ENV_ACTIVATION = 0;

@@ -107,6 +107,37 @@ inline const MMM_code_data& MMM_code_of(Cell code_cell) {
 // The routine an MMM_CODE cell names now (null while it has no body).
 inline MMM_routine MMM_code_routine(Cell code_cell) { return *MMM_code_of(code_cell).slot; }
 
+// ---- the layout of a procedure ----
+// A DOM_PROC has MMM_PF_COUNT children; its node flags hold the option bits below. The
+// evaluator makes and calls procedures, the printer and the operand built-ins read them.
+// Option bits of a procedure's node flags.
+constexpr uint16_t MMM_PROC_NORMALISED = 1u << 3;
+constexpr uint16_t MMM_PROC_NO_DEBUG = 1u << 4;
+constexpr uint16_t MMM_PROC_HOLD = 1u << 5;
+constexpr uint16_t MMM_PROC_REMEMBER = 1u << 6;
+constexpr uint16_t MMM_PROC_ARROW = 1u << 7;
+constexpr uint16_t MMM_PROC_ESCAPE = 1u << 8;
+constexpr uint16_t MMM_PROC_NO_EXPOSE = 1u << 9;
+constexpr uint16_t MMM_PROC_CLOSED = 1u << 14;  // binds no closure when evaluated
+
+// Children of a DOM_PROC.
+enum MMM_proc_field : int {
+    MMM_PF_CODE = 0,         // MMM_CODE of the procedure call, code number 100
+    MMM_PF_PARAMS = 1,       // NIL, an identifier, or _exprseq of identifiers
+    MMM_PF_LOCALS = 2,       // as the parameters
+    MMM_PF_BODY = 3,
+    MMM_PF_REMEMBER = 4,     // NIL or a DOM_TABLE
+    MMM_PF_NAME = 5,         // NIL, an identifier, an empty _exprseq, or a slot call
+    MMM_PF_PARAM_TYPES = 6,  // NIL, one type (one parameter) or _exprseq, NIL where none
+    MMM_PF_RETURN_TYPE = 7,
+    MMM_PF_LOCAL_TYPES = 8,  // what the parser gives as local types; the printer shows it
+    MMM_PF_DEFAULTS = 9,     // as the parameter types
+    MMM_PF_SAVED = 10,       // names of `save` in the header
+    MMM_PF_CLOSURE = 11,     // FAIL unbound, NIL top level, or a DOM_PROC_ENV
+    MMM_PF_DOMAIN = 12,
+    MMM_PF_COUNT = 13,
+};
+
 // The universal cells, compared by address. (NULL, TRUE and FALSE are macro names in C
 // and C++, so the kernel spells them with the module prefix.)
 extern Cell MMM_NIL;

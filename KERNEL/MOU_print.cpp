@@ -582,12 +582,12 @@ void print_var(Cell var) {
 }
 
 // Option bits of a procedure, as its flags field holds them.
-constexpr unsigned OPT_NO_DEBUG = 1u << 4;
-constexpr unsigned OPT_HOLD = 1u << 5;
-constexpr unsigned OPT_REMEMBER = 1u << 6;
-constexpr unsigned OPT_ARROW = 1u << 7;
-constexpr unsigned OPT_ESCAPE = 1u << 8;
-constexpr unsigned OPT_NO_EXPOSE = 1u << 9;
+constexpr unsigned OPT_NO_DEBUG = MMM_PROC_NO_DEBUG;
+constexpr unsigned OPT_HOLD = MMM_PROC_HOLD;
+constexpr unsigned OPT_REMEMBER = MMM_PROC_REMEMBER;
+constexpr unsigned OPT_ARROW = MMM_PROC_ARROW;
+constexpr unsigned OPT_ESCAPE = MMM_PROC_ESCAPE;
+constexpr unsigned OPT_NO_EXPOSE = MMM_PROC_NO_EXPOSE;
 
 struct OptionName {
     unsigned bit;
@@ -756,20 +756,20 @@ void print_procdef_tree(Cell t, int context) {
 }
 
 void print_procedure_value(Cell proc, int context) {
-    if (MMM_child_count(proc) != 13) {
+    if (MMM_child_count(proc) != MMM_PF_COUNT) {
         MOU_put_text("/* 33 */");
         return;
     }
     ProcFields f;
-    f.params = MMM_child(proc, 1);
-    f.locals = MMM_child(proc, 2);
-    f.body = MMM_child(proc, 3);
-    f.name = MMM_child(proc, 5);
-    f.param_types = MMM_child(proc, 6);
-    f.return_type = MMM_child(proc, 7);
-    f.local_types = MMM_child(proc, 8);  // the field the parser's local types arrive in
-    f.defaults = MMM_child(proc, 9);
-    f.saves = MMM_child(proc, 10);
+    f.params = MMM_child(proc, MMM_PF_PARAMS);
+    f.locals = MMM_child(proc, MMM_PF_LOCALS);
+    f.body = MMM_child(proc, MMM_PF_BODY);
+    f.name = MMM_child(proc, MMM_PF_NAME);
+    f.param_types = MMM_child(proc, MMM_PF_PARAM_TYPES);
+    f.return_type = MMM_child(proc, MMM_PF_RETURN_TYPE);
+    f.local_types = MMM_child(proc, MMM_PF_LOCAL_TYPES);  // the field the parser's local types arrive in
+    f.defaults = MMM_child(proc, MMM_PF_DEFAULTS);
+    f.saves = MMM_child(proc, MMM_PF_SAVED);
     f.options = MMM_node_flags(proc) & (OPT_NO_DEBUG | OPT_HOLD | OPT_REMEMBER | OPT_ARROW | OPT_ESCAPE | OPT_NO_EXPOSE);
     // The word noExpose sets the noDebug bit too: it is shown once, as it was written.
     if (f.options & OPT_NO_EXPOSE) f.options &= ~OPT_NO_DEBUG;
