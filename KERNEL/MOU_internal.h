@@ -126,18 +126,3 @@ void MOU_print_procedure_value(Cell proc, int context);
 void MOU_print_procdef_tree(Cell t, int context);
 // Forgets the procedures being printed; part of MOU_start_walker.
 void MOU_start_procedures();
-
-// The printers of the statements, entries of MOU_printer_builtins.
-void MOU_print_assign(Cell* ref, int context, Cell sep);
-void MOU_print_if(Cell* ref, int context, Cell sep);
-void MOU_print_case(Cell* ref, int context, Cell sep);
-void MOU_print_for(Cell* ref, int context, Cell sep);
-void MOU_print_for_down(Cell* ref, int context, Cell sep);
-void MOU_print_for_in(Cell* ref, int context, Cell sep);
-void MOU_print_while(Cell* ref, int context, Cell sep);
-void MOU_print_repeat(Cell* ref, int context, Cell sep);
-void MOU_print_next(Cell* ref, int context, Cell sep);
-void MOU_print_break(Cell* ref, int context, Cell sep);
-void MOU_print_quit(Cell* ref, int context, Cell sep);
-void MOU_print_delete(Cell* ref, int context, Cell sep);
-void MOU_print_save(Cell* ref, int context, Cell sep);

@@ -2,7 +2,7 @@
 // quotients, powers and every other operator through MOU_print_operator; the general
 // call form (MOU_print_call); the special forms `not`, `-`, `1/`, the sequences `$`,
 // `_index` and slots; and the registry table of the special forms' printers,
-// MOU_printer_builtins, with the routine of each print code.
+// MOU_operator_printers, with the routine of each print code.
 #include <string>
 #include <vector>
 
@@ -402,34 +402,21 @@ void print_slot(Cell* ref, int context, Cell sep) {
 }
 
 const MFN_builtin printers[] = {
-    {.name = "_assign", .printer = MOU_print_assign},
-    {.name = "_break", .printer = MOU_print_break},
-    {.name = "_case", .printer = MOU_print_case},
     {.name = "slot", .printer = print_slot},
-    {.name = "_for", .printer = MOU_print_for},
-    {.name = "_for_down", .printer = MOU_print_for_down},
-    {.name = "_for_in", .printer = MOU_print_for_in},
-    {.name = "_delete", .printer = MOU_print_delete},
-    {.name = "_if", .printer = MOU_print_if},
     {.name = "_index", .printer = print_index},
-    {.name = "_next", .printer = MOU_print_next},
-    {.name = "_quit", .printer = MOU_print_quit},
-    {.name = "_repeat", .printer = MOU_print_repeat},
     {.name = "_seqgen", .printer = print_seqgen},
-    {.name = "_while", .printer = MOU_print_while},
     {.name = "_not", .printer = print_not},
     {.name = "_invert", .printer = print_invert},
     {.name = "_negate", .printer = print_negate},
     {.name = "_subtract", .printer = print_subtract},
     {.name = "_divide", .printer = print_divide},
     {.name = "_seqin", .printer = print_seqin},
-    {.name = "_save", .printer = MOU_print_save},
     {.name = "_seqstep", .printer = print_seqstep},
 };
 
 }  // namespace
 
-const MFN_builtin_table MOU_printer_builtins = printers;
+const MFN_builtin_table MOU_operator_printers = printers;
 
 MFN_print_routine MOU_print_routine_for_code(int code) {
     // The operator and call printers serve many records and belong to none.

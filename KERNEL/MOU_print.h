@@ -58,11 +58,14 @@ void MOU_print_top(Cell* ref);  // MOU_print(ref, 0, null)
 // The two printers that belong to no record of the function table: the operator printer
 // (code 1100) of every operator and the general call printer (code 1101) of every plain
 // and math function. The printers of the special forms are this module's entries in the
-// registry (MOU_printer_builtins); this gives the routine of any print code, or null.
+// registry (MOU_operator_printers, MOU_statement_printers); this gives the routine of any print code, or null.
 void MOU_print_operator(Cell* ref, int context, Cell separator);
 void MOU_print_call(Cell* ref, int context, Cell separator);
 MFN_print_routine MOU_print_routine_for_code(int code);
-extern const MFN_builtin_table MOU_printer_builtins;
+// The printers of the special forms, as registry entries: the operator forms
+// (MOU_operators.cpp) and the statements (MOU_procedures.cpp).
+extern const MFN_builtin_table MOU_operator_printers;
+extern const MFN_builtin_table MOU_statement_printers;
 
 // Writing into the text being made.
 void MOU_put_char(char c);

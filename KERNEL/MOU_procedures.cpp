@@ -337,9 +337,7 @@ void print_listing(Cell* ref, int context, Cell sep, const char* word) {
     s.close();
 }
 
-}  // namespace
-
-void MOU_print_assign(Cell* ref, int context, Cell sep) {
+void print_assign(Cell* ref, int context, Cell sep) {
     Cell e = *ref;
     if (MOU_nops(e) != 2) return MOU_print_call(ref, context, sep);
     MOU_write_separator(sep);
@@ -349,7 +347,7 @@ void MOU_print_assign(Cell* ref, int context, Cell sep) {
     s.close();
 }
 
-void MOU_print_if(Cell* ref, int context, Cell sep) {
+void print_if(Cell* ref, int context, Cell sep) {
     Cell e = *ref;
     if (MOU_nops(e) != 3) return MOU_print_call(ref, context, sep);
     MOU_write_separator(sep);
@@ -370,7 +368,7 @@ void MOU_print_if(Cell* ref, int context, Cell sep) {
     s.close();
 }
 
-void MOU_print_case(Cell* ref, int context, Cell sep) {
+void print_case(Cell* ref, int context, Cell sep) {
     Cell e = *ref;
     const long n = MOU_nops(e);
     if (n < 1) return MOU_print_call(ref, context, sep);
@@ -400,10 +398,10 @@ void MOU_print_case(Cell* ref, int context, Cell sep) {
     s.close();
 }
 
-void MOU_print_for(Cell* ref, int context, Cell sep) { print_for_range(ref, context, sep, " to "); }
-void MOU_print_for_down(Cell* ref, int context, Cell sep) { print_for_range(ref, context, sep, " downto "); }
+void print_for(Cell* ref, int context, Cell sep) { print_for_range(ref, context, sep, " to "); }
+void print_for_down(Cell* ref, int context, Cell sep) { print_for_range(ref, context, sep, " downto "); }
 
-void MOU_print_for_in(Cell* ref, int context, Cell sep) {
+void print_for_in(Cell* ref, int context, Cell sep) {
     Cell e = *ref;
     if (MOU_nops(e) != 3) return MOU_print_call(ref, context, sep);
     MOU_write_separator(sep);
@@ -416,7 +414,7 @@ void MOU_print_for_in(Cell* ref, int context, Cell sep) {
     s.close();
 }
 
-void MOU_print_while(Cell* ref, int context, Cell sep) {
+void print_while(Cell* ref, int context, Cell sep) {
     Cell e = *ref;
     if (MOU_nops(e) != 2) return MOU_print_call(ref, context, sep);
     MOU_write_separator(sep);
@@ -427,7 +425,7 @@ void MOU_print_while(Cell* ref, int context, Cell sep) {
     s.close();
 }
 
-void MOU_print_repeat(Cell* ref, int context, Cell sep) {
+void print_repeat(Cell* ref, int context, Cell sep) {
     Cell e = *ref;
     if (MOU_nops(e) != 2) return MOU_print_call(ref, context, sep);
     MOU_write_separator(sep);
@@ -442,11 +440,31 @@ void MOU_print_repeat(Cell* ref, int context, Cell sep) {
     s.close();
 }
 
-void MOU_print_next(Cell* ref, int context, Cell sep) { print_word(ref, context, sep, "next"); }
-void MOU_print_break(Cell* ref, int context, Cell sep) { print_word(ref, context, sep, "break"); }
-void MOU_print_quit(Cell* ref, int context, Cell sep) { print_word(ref, context, sep, "quit"); }
+void print_next(Cell* ref, int context, Cell sep) { print_word(ref, context, sep, "next"); }
+void print_break(Cell* ref, int context, Cell sep) { print_word(ref, context, sep, "break"); }
+void print_quit(Cell* ref, int context, Cell sep) { print_word(ref, context, sep, "quit"); }
 
-void MOU_print_delete(Cell* ref, int context, Cell sep) { print_listing(ref, context, sep, "delete "); }
-void MOU_print_save(Cell* ref, int context, Cell sep) { print_listing(ref, context, sep, "save "); }
+void print_delete(Cell* ref, int context, Cell sep) { print_listing(ref, context, sep, "delete "); }
+void print_save(Cell* ref, int context, Cell sep) { print_listing(ref, context, sep, "save "); }
+
+const MFN_builtin printers[] = {
+    {.name = "_assign", .printer = print_assign},
+    {.name = "_if", .printer = print_if},
+    {.name = "_case", .printer = print_case},
+    {.name = "_for", .printer = print_for},
+    {.name = "_for_down", .printer = print_for_down},
+    {.name = "_for_in", .printer = print_for_in},
+    {.name = "_while", .printer = print_while},
+    {.name = "_repeat", .printer = print_repeat},
+    {.name = "_next", .printer = print_next},
+    {.name = "_break", .printer = print_break},
+    {.name = "_quit", .printer = print_quit},
+    {.name = "_delete", .printer = print_delete},
+    {.name = "_save", .printer = print_save},
+};
+
+}  // namespace
+
+const MFN_builtin_table MOU_statement_printers = printers;
 
 void MOU_start_procedures() { proc_stack.clear(); }
