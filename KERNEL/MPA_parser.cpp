@@ -241,7 +241,15 @@ void Parser::pop_scope() {
     --r_.proc_depth;
 }
 
-// block: statements separated by ';' or ':', empty ones allowed.
+// ---- the grammar rules ----
+// Each rule opens with its production. "x" is a token as written; IDENT, INTEGER, FLOAT,
+// FLOAT_DOT (an exponent right behind '.'), STRING, HELP (?text), SYSTEM (!text) and EOF are
+// token classes; lower-case names are rules or parts named on the lines below. [ x ] is
+// optional, { x } repeats zero or more times, x | y is a choice, ( ) groups. Every closer
+// "end_xxx" may also be written "end". Shorthands: idents = IDENT { "," IDENT } and
+// arrows = arrow { "," arrow }.
+
+// block: [ statement ] { ( ";" | ":" ) [ statement ] }
 Cell Parser::block(int& level) {
     std::vector<Cell> stmts;
     Follow f(r_, {';', ':'});
@@ -263,6 +271,8 @@ Cell Parser::block(int& level) {
     return call(MFN_ID_STMTSEQ, stmts);
 }
 
+// statement: ( "save" | "delete" ) sequence | frame_statement | sequence [ ":=" statement ]
+//   frame_statement: "frame" [ IDENT | ".." | "." ] frame_path
 Cell Parser::statement(int& level, bool& assignable) {
     Depth d(r_);
     check_depth();
@@ -311,6 +321,7 @@ Cell Parser::statement(int& level, bool& assignable) {
     return left;
 }
 
+// sequence: arrows
 Cell Parser::sequence(int& level, bool& assignable) {
     std::vector<Cell> items;
     Follow f(r_, {','});
@@ -326,6 +337,7 @@ Cell Parser::sequence(int& level, bool& assignable) {
     return call(MFN_ID_EXPRSEQ, items);
 }
 
+// arrow: operator_expr [ "->" arrow ]
 Cell Parser::arrow(int& level, bool& assignable) {
     Cell left;
     {
@@ -337,6 +349,7 @@ Cell Parser::arrow(int& level, bool& assignable) {
     return arrow_procedure(left, level);  // the current token is still `->`
 }
 
+// arrow_procedure: "->" arrow, behind a left side that names the parameters.
 // Parameters of `->`: identifiers (or locals of the scope around, mapped back to their
 // identifiers), the empty sequence, or a sequence of these.
 Cell Parser::arrow_procedure(Cell params, int& level) {
@@ -465,6 +478,7 @@ Cell Parser::divide(Cell a, Cell b) {
     return call(MFN_ID_DIVIDE, {a, b});
 }
 
+// sequence_operator (behind "$"): [ IDENT ( "=" | "in" ) ] operator_expr [ "step" operator_expr ]
 Cell Parser::sequence_operator(Cell left, int p, int& level) {
     // After '$' an identifier followed by '=' or 'in' is the loop variable.
     Cell var = nullptr;
@@ -507,6 +521,10 @@ Cell Parser::sequence_operator(Cell left, int p, int& level) {
     return call(MFN_ID_SEQGEN, ops);
 }
 
+// operator_expr: ( prefix operator_expr | "$" sequence_operator | primary ) { infix }
+//   prefix: "not" | "+" | "-" | a user prefix operator
+//   infix: binary operator_expr | postfix | "(" arguments | "[" arguments | "$" sequence_operator
+// binary (n-ary included) and postfix are the lexer's and the user's operators, bound by priority.
 Cell Parser::operator_expr(int min_priority, int& level, bool& assignable) {
     Depth d(r_);
     check_depth();
@@ -659,6 +677,7 @@ Cell Parser::operator_expr(int min_priority, int& level, bool& assignable) {
     return left;
 }
 
+// arguments: [ arrows ] closer, the closer being ")" or "]" as the caller says
 std::vector<Cell> Parser::arguments(int closer, int& level) {
     std::vector<Cell> args;
     {
@@ -677,6 +696,7 @@ std::vector<Cell> Parser::arguments(int closer, int& level) {
     return args;
 }
 
+// frame_path: { "::" ( STRING | ".." ) }
 Cell Parser::frame_path(Cell start) {
     Cell tree = start;
     while (at(TK_SCOPE)) {
@@ -695,6 +715,7 @@ Cell Parser::frame_path(Cell start) {
     return tree;
 }
 
+// condition: statement, with its `and` and `or` made lazy
 Cell Parser::condition(int& level) {
     int l = 0;
     bool a = false;
@@ -703,6 +724,7 @@ Cell Parser::condition(int& level) {
     return MPA_lazy_condition(c);
 }
 
+// if_rule: "if" condition "then" block { "elif" condition "then" block } [ "else" block ] "end_if"
 Cell Parser::if_rule(int& level) {
     // at `if` or `elif`
     advance();
@@ -742,6 +764,7 @@ Cell Parser::eval_condition(Cell cond) {
     return v;
 }
 
+// static_if: "%if" condition "then" block { "elif" condition "then" block } [ "else" block ] "end_if"
 Cell Parser::static_if(int& level) {
     // at `%if` or the `elif` of one
     advance();
@@ -786,6 +809,7 @@ Cell Parser::static_if(int& level) {
     return value;
 }
 
+// case_rule: "case" statement { "of" statement "do" block } [ "otherwise" block ] "end_case"
 Cell Parser::case_rule(int& level) {
     advance();
     std::vector<Cell> ops;
@@ -811,6 +835,8 @@ Cell Parser::case_rule(int& level) {
     return call(MFN_ID_CASE, ops);
 }
 
+// for_rule: "for" IDENT ( "in" statement | range ) "do" block "end_for"
+//   range: "from" statement ( "to" | "downto" ) statement [ "step" statement ]
 Cell Parser::for_rule(int& level) {
     advance();
     Cell var;
@@ -857,6 +883,7 @@ Cell Parser::for_rule(int& level) {
     return tree;
 }
 
+// while_rule: "while" condition "do" block "end_while"
 Cell Parser::while_rule(int& level) {
     advance();
     Cell cond, body;
@@ -873,6 +900,7 @@ Cell Parser::while_rule(int& level) {
     return call(MFN_ID_WHILE, {cond, body});
 }
 
+// repeat_rule: "repeat" block "until" condition "end_repeat"
 Cell Parser::repeat_rule(int& level) {
     advance();
     Cell body, cond;
@@ -894,6 +922,10 @@ const char* const former_environment_names[] = {
     "LIB_PATH", "READ_PATH", "WRITE_PATH", "EVAL_STMT", "MAXDEPTH", "ROUNDING", "PRETTY_PRINT",
 };
 
+// proc_rule: "proc" "(" [ param { "," param } ] ")" [ ":" type ] { clause ";" } "begin" block "end_proc"
+//   param: IDENT [ "=" operator_expr ] [ ":" type ];  type: operator_expr
+//   clause: "local" local { "," local } | "option" idents | "save" idents | "name" [ sequence ]
+//   local: IDENT [ ":" type ]
 Cell Parser::proc_rule(int& level) {
     advance();
     std::vector<Cell> params, param_types, defaults, locals, local_types, options, saves;
@@ -1041,6 +1073,9 @@ Cell Parser::proc_rule(int& level) {
     return finish_procdef(tree, header_level, body_level, name);
 }
 
+// constructor_rule: kind primary [ "(" [ idents ] ")" ] [ ";" ] { clause ";" } [ "begin" block ] "end_"kind
+//   kind: "domain" | "category" | "axiom"
+//   clause: "local" idents | "inherits" statement | ("category" | "axiom") sequence | IDENT [ ":=" statement ]
 Cell Parser::constructor_rule(int& level) {
     const int which = kind();  // TK_DOMAIN, TK_CATEGORY or TK_AXIOM
     const int closer = which == TK_DOMAIN ? TK_END_DOMAIN : which == TK_CATEGORY ? TK_END_CATEGORY : TK_END_AXIOM;
@@ -1179,6 +1214,13 @@ Cell Parser::constructor_rule(int& level) {
     return call_named("_constructor", ops);
 }
 
+// primary: ( IDENT | "(" block ")" ) { scope } | frame | list | constant | compound
+//   scope: "::" ( STRING | ".." | IDENT );  frame: [ "." | ".." ] frame_path, with at least one "::"
+//   list: "[" [ arrows ] "]" | "{" [ arrows ] "}"
+//   constant: INTEGER | FLOAT | "." ( INTEGER | FLOAT_DOT ) | STRING | "NIL" | "FAIL" | "TRUE" | "FALSE"
+//             | "UNKNOWN" | "I" | "RD_INF" | "RD_NINF" | "RD_NAN"
+//   compound: "next" | "break" | "quit" | "%" [ INTEGER ] | if_rule | static_if | case_rule | for_rule
+//             | while_rule | repeat_rule | proc_rule | constructor_rule
 Cell Parser::primary(int& level, bool& assignable) {
     Depth d(r_);
     check_depth();
@@ -1325,7 +1367,7 @@ Cell Parser::primary(int& level, bool& assignable) {
     return tree;
 }
 
-// input: an optional ? or ! command, or statements each closed by ';' or ':'.
+// input: HELP | SYSTEM | { [ statement ] ( ";" | ":" ) } [ statement ] EOF
 void Parser::input() {
     Follow f(r_, {TK_EOF, ';', ':'});
     advance();
