@@ -404,161 +404,244 @@ Cell MEV_bind_closure(Cell proc, int, unsigned flags) {
     return p.take();
 }
 
-Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
-    // 1. The depth of calls.
+namespace {
+
+// ---- the steps of a procedure call ----
+
+// What the steps of one call share. The procedure and the call name are borrowed from the
+// caller. The arguments and the result are owned, so that an error between two steps gives
+// them back. The activation belongs to MEV_frame while `frame_current` is set, and is
+// handed to the closing routine by close_activation, or by abandon_activation on an error.
+struct ProcCall {
+    Cell proc;
+    Cell const* field;  // the procedure's fields
+    uint16_t options;
+    Cell call_name;
+    MMM_ref args;
+    bool served = false;  // the remember table is kept and consulted for this call name
+    Cell frame = nullptr;
+    bool frame_current = false;
+    bool check = false;  // argument and return types are tested in this call
+    bool remember_now = false;
+    long nparams = 0, nlocals = 0, nsaved = 0, nargs = 0;
+    long first_arg = 0;  // the activation's index of the first argument
+    MMM_ref result;
+
+    explicit ProcCall(Cell p);
+};
+
+// The call name: `anonymous` for none, NIL for an empty `name`.
+Cell call_name_of(Cell name) {
+    if (name == MMM_NIL) return anonymous;
+    if (MMM_is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1) return MMM_NIL;
+    return name;
+}
+
+ProcCall::ProcCall(Cell p)
+    : proc(p), field(MMM_children(p)), options(MMM_node_flags(p)), call_name(call_name_of(field[MMM_PF_NAME])) {}
+
+// Calls nested too deep, or an operator that is no procedure, end the call at once.
+inline void check_depth(Cell proc) {
     if (MEV_call_depth >= MEV_max_depth) MER_raise(MER_RECURSIVE_DEFINITION, "See ?MAXDEPTH");
     if (!is_proc(proc)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
-    const uint16_t options = MMM_node_flags(proc);
-    const bool escape = options & MMM_PROC_ESCAPE;
-    Cell const* field = MMM_children(proc);
-    // 3. The call name: `anonymous` for none, NIL for an empty `name`.
-    Cell name = field[MMM_PF_NAME];
-    Cell call_name = name == MMM_NIL                                                         ? anonymous
-                     : MMM_is_call_of(name, MFN_ID_EXPRSEQ) && MMM_child_count(name) == 1 ? MMM_NIL
-                                                                                           : name;
-    // 4. Held: the call stays as it is.
-    if (flags & MEV_HOLD) return MMM_retained(expr);
-    // 5. Arguments.
-    MMM_ref args;
+}
+
+// The arguments: as written for a flat call, flattened for a spliced call or a `hold`
+// procedure, evaluated otherwise.
+inline void take_arguments(ProcCall& c, Cell expr, unsigned flags) {
     if (flags & MEV_ARGS_FLAT) {
-        args.reset(MMM_retained(expr));
-    } else if ((flags & MEV_ARGS_SPLICE) || (options & MMM_PROC_HOLD)) {
-        args.reset(MMM_retained(expr));
-        MEV_flatten(args.slot(), 2);
+        c.args.reset(MMM_retained(expr));
+    } else if ((flags & MEV_ARGS_SPLICE) || (c.options & MMM_PROC_HOLD)) {
+        c.args.reset(MMM_retained(expr));
+        MEV_flatten(c.args.slot(), 2);
     } else {
         int ext = 0;
-        args.reset(MEV_eval_args(expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext));
+        c.args.reset(MEV_eval_args(expr, 0, MEV_CONTEXT_ARGUMENT, 2, 0, &ext));
     }
-    // 7. The remember table, before any activation is made.
-    const bool served = remember_served(call_name);
-    Cell table = field[MMM_PF_REMEMBER];
-    if (served && table != MMM_NIL) {
-        if (!is_cat(table, DOM_TABLE)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
-        Cell found = nullptr;
-        if (MMM_table_lookup(MMM_child(table, MMM_TABLE_HASH), args.get(), 1, &found) && found)
-            return MMM_retained(found);
-    }
-    // 8. The body runs at LEVEL 1 from depth 0.
-    CallerState caller;
+}
+
+// The remember table, before any activation is made: the stored value (borrowed) or null.
+inline Cell look_up_remembered(ProcCall& c) {
+    c.served = remember_served(c.call_name);
+    Cell table = c.field[MMM_PF_REMEMBER];
+    if (!c.served || table == MMM_NIL) return nullptr;
+    if (!is_cat(table, DOM_TABLE)) MER_raise(MER_ILLEGAL_OPERAND, "DOM_PROC");
+    Cell found = nullptr;
+    if (MMM_table_lookup(MMM_child(table, MMM_TABLE_HASH), c.args.get(), 1, &found) && found) return found;
+    return nullptr;
+}
+
+// The body runs at LEVEL 1 from depth 0, one call deeper.
+inline void enter_body_level() {
     MEV_level_saved = MEV_level;
     MEV_level = 1;
     MEV_depth = 0;
     ++MEV_call_depth;
-    Cell frame = nullptr;
-    bool frame_current = false;
-    bool remember_now = false;
-    MMM_ref result;
+}
+
+// The activation, made current: the procedure, its lexical parent and the caller's
+// activation, the ring of last values, the call name and `dom`; locals and arguments follow
+// (surplus arguments too), cleared.
+inline void open_activation(ProcCall& c) {
+    Cell const* field = c.field;
+    if (c.options & MMM_PROC_NO_EXPOSE) check_hidden_body(field[MMM_PF_BODY]);
+    c.nparams = item_count(field[MMM_PF_PARAMS]);
+    c.nlocals = item_count(field[MMM_PF_LOCALS]);
+    c.nsaved = item_count(field[MMM_PF_SAVED]);
+    c.nargs = MMM_child_count(c.args.get()) - 1;
+    Cell parent = nullptr;
+    if (!(c.options & MMM_PROC_CLOSED) && is_cat(field[MMM_PF_CLOSURE], DOM_PROC_ENV))
+        parent = MMM_child(field[MMM_PF_CLOSURE], 0);
+    Cell dom = field[MMM_PF_DOMAIN];
+    if (dom == MMM_NIL && parent) {
+        Cell* s = slot_of(parent, 1);
+        if (s && *s) dom = *s;
+    }
+    const long first_slot = MEV_AC_SAVED + 2 * c.nsaved;
+    c.first_arg = first_slot + 2 + c.nlocals;
+    Cell frame = MMM_new_cleared(MMM_PROC_ENV, long(sizeof(int32_t)) * MEV_AW_COUNT,
+                                 c.first_arg + std::max(c.nargs, c.nparams));
+    c.frame = frame;
+    int32_t* w = words(frame);
+    w[MEV_AW_FIRST_SLOT] = int32_t(first_slot);
+    w[MEV_AW_FIRST_ARG] = int32_t(c.first_arg);
+    w[MEV_AW_ARG_COUNT] = int32_t(c.nargs);
+    w[MEV_AW_RING_POS] = 0;
+    w[MEV_AW_SPARE] = 0;
+    Cell* a = MMM_children(frame);
+    a[MEV_AC_PROC] = MMM_retained(c.proc);
+    a[MEV_AC_LEXICAL] = MMM_retained(parent);
+    a[MEV_AC_CALLER] = MEV_frame;  // takes over the reference MEV_frame held
+    for (int i = 0; i < 3; ++i) a[MEV_AC_RING + i] = MMM_retained(MMM_NULL);
+    a[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
+    a[first_slot] = MMM_retained(c.call_name);
+    a[first_slot + 1] = MMM_retained(dom);
+    MEV_frame = frame;
+    c.frame_current = true;
+}
+
+// Names saved by the header keep their values beside them; the NIL after a value marks it
+// for restoring when the activation is left.
+inline void save_names(ProcCall& c) {
+    Cell* a = MMM_children(c.frame);
+    for (long k = 0; k < c.nsaved; ++k) {
+        Cell id = item(c.field[MMM_PF_SAVED], k);
+        if (!is_cat(id, DOM_IDENT)) continue;
+        a[MEV_AC_SAVED + 2 * k] = MMM_value_in(id, MMM_current_frame, true);
+        a[MEV_AC_SAVED + 2 * k + 1] = MMM_retained(MMM_NIL);
+    }
+}
+
+// The arguments go into their slots, defaults into those of missing ones; the activation
+// is complete.
+inline void bind_arguments(ProcCall& c) {
+    Cell* a = MMM_children(c.frame);
+    for (long i = 0; i < c.nargs; ++i) a[c.first_arg + i] = MMM_retained(MMM_child(c.args.get(), i + 1));
+    for (long k = c.nargs; k < c.nparams; ++k)
+        if (Cell d = entry(c.field[MMM_PF_DEFAULTS], k, c.nparams)) a[c.first_arg + k] = MMM_retained(d);
+    MMM_sign(c.frame);
+}
+
+// Type tests, by the caller's setting; the tests themselves run unchecked.
+inline void test_argument_types(ProcCall& c, const CallerState& caller) {
+    c.check = caller.type_check == 1 || (caller.type_check == 2 && MEV_call_depth == 1);
+    if (c.check && c.field[MMM_PF_PARAM_TYPES] != MMM_NIL) {
+        MEV_type_check = 0;
+        check_arguments(c.frame, c.proc, c.nargs, c.nparams);
+        MEV_type_check = caller.type_check;
+    }
+}
+
+// The arguments are kept as the key of the remember table, or given back now.
+inline void keep_arguments_if_remembering(ProcCall& c) {
+    c.remember_now = (c.options & MMM_PROC_REMEMBER) && c.served;
+    if (!c.remember_now) c.args.reset();
+}
+
+// The body's value; with none, the last value it set, or NULL.
+inline void run_body(ProcCall& c) {
+    Cell body = c.field[MMM_PF_BODY];
+    MEV_value_pending = 0;
+    if (body == MMM_NIL) {
+        c.result.reset(MMM_retained(MMM_NULL));
+    } else {
+        c.result.reset(MEV_eval(body, MEV_CONTEXT_STATEMENT, 0));
+        if (c.result) MEV_ring_enter(c.result.get());
+        else c.result.reset(MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL));
+    }
+}
+
+// A `return` (or a stray `next` or `break`) ends at the body; `quit` goes on.
+inline void leave_body(ProcCall& c) {
+    MEV_frame_leave(c.frame);
+    if (MEV_control != MEV_CONTROL_QUIT) MEV_control = MEV_CONTROL_NONE;
+}
+
+inline void test_return_type(ProcCall& c, const CallerState& caller) {
+    if (c.check && c.field[MMM_PF_RETURN_TYPE] != MMM_NIL) {
+        MEV_type_check = 0;
+        check_result(c.frame, c.proc, c.result.get());
+        MEV_type_check = caller.type_check;
+    }
+}
+
+// The caller's activation is current again; this one is closed, kept alive only by the
+// closures that refer to it.
+inline void close_activation(ProcCall& c) {
+    Cell back = MMM_child(c.frame, MEV_AC_CALLER);
+    const std::string name_text = MEV_warn_dead_closure ? MEV_call_name_text(c.frame) : std::string();
+    MEV_frame = MMM_retained(back);
+    c.frame_current = false;
+    if (!MEV_frame_close(c.frame, c.options & MMM_PROC_ESCAPE) && MEV_warn_dead_closure)
+        MER_warn(MER_WARN_DEAD_CLOSURE, nullptr, name_text.c_str());
+}
+
+inline void remember_result(ProcCall& c) {
+    if (!c.remember_now) return;
+    remember_store(c.proc, c.args.get(), c.result.get());
+    c.args.reset();
+}
+
+// On an error the activation is left as on a normal exit, so that whoever catches the
+// error finds the evaluator as it was at the call.
+inline void abandon_activation(ProcCall& c) {
+    if (!c.frame_current) return;
     try {
-        // 9.
-        if (options & MMM_PROC_NO_EXPOSE) check_hidden_body(field[MMM_PF_BODY]);
-        // 10.
-        const long nparams = item_count(field[MMM_PF_PARAMS]);
-        const long nlocals = item_count(field[MMM_PF_LOCALS]);
-        const long nsaved = item_count(field[MMM_PF_SAVED]);
-        const long nargs = MMM_child_count(args.get()) - 1;
-        // 11. The lexical parent and `dom`.
-        Cell parent = nullptr;
-        if (!(options & MMM_PROC_CLOSED) && is_cat(field[MMM_PF_CLOSURE], DOM_PROC_ENV))
-            parent = MMM_child(field[MMM_PF_CLOSURE], 0);
-        Cell dom = field[MMM_PF_DOMAIN];
-        if (dom == MMM_NIL && parent) {
-            Cell* s = slot_of(parent, 1);
-            if (s && *s) dom = *s;
-        }
-        // 12. The activation: locals first, then the arguments (surplus ones too).
-        const long first_slot = MEV_AC_SAVED + 2 * nsaved;
-        const long first_arg = first_slot + 2 + nlocals;
-        frame = MMM_new_cleared(MMM_PROC_ENV, long(sizeof(int32_t)) * MEV_AW_COUNT,
-                                first_arg + std::max(nargs, nparams));
-        int32_t* w = words(frame);
-        w[MEV_AW_FIRST_SLOT] = int32_t(first_slot);
-        w[MEV_AW_FIRST_ARG] = int32_t(first_arg);
-        w[MEV_AW_ARG_COUNT] = int32_t(nargs);
-        w[MEV_AW_RING_POS] = 0;
-        w[MEV_AW_SPARE] = 0;
-        Cell* c = MMM_children(frame);
-        c[MEV_AC_PROC] = MMM_retained(proc);
-        c[MEV_AC_LEXICAL] = MMM_retained(parent);
-        c[MEV_AC_CALLER] = MEV_frame;  // takes over the reference MEV_frame held
-        for (int i = 0; i < 3; ++i) c[MEV_AC_RING + i] = MMM_retained(MMM_NULL);
-        c[MEV_AC_RESTORE] = MMM_retained(MMM_NIL);
-        c[first_slot] = MMM_retained(call_name);
-        c[first_slot + 1] = MMM_retained(dom);
-        MEV_frame = frame;
-        frame_current = true;
-        // 13. Names saved by the header; the NIL beside a value marks it for restoring.
-        for (long k = 0; k < nsaved; ++k) {
-            Cell id = item(field[MMM_PF_SAVED], k);
-            if (!is_cat(id, DOM_IDENT)) continue;
-            c[MEV_AC_SAVED + 2 * k] = MMM_value_in(id, MMM_current_frame, true);
-            c[MEV_AC_SAVED + 2 * k + 1] = MMM_retained(MMM_NIL);
-        }
-        // 14. Arguments.
-        for (long i = 0; i < nargs; ++i) c[first_arg + i] = MMM_retained(MMM_child(args.get(), i + 1));
-        // 15. Defaults for the missing ones.
-        for (long k = nargs; k < nparams; ++k)
-            if (Cell d = entry(field[MMM_PF_DEFAULTS], k, nparams)) c[first_arg + k] = MMM_retained(d);
-        // 16.
-        MMM_sign(frame);
-        // 17. Type tests, which do not test themselves.
-        const bool check = caller.type_check == 1 || (caller.type_check == 2 && MEV_call_depth == 1);
-        if (check && field[MMM_PF_PARAM_TYPES] != MMM_NIL) {
-            MEV_type_check = 0;
-            check_arguments(frame, proc, nargs, nparams);
-            MEV_type_check = caller.type_check;
-        }
-        // 18.
-        remember_now = (options & MMM_PROC_REMEMBER) && served;
-        if (!remember_now) args.reset();
-        // 19. The body.
-        Cell body = field[MMM_PF_BODY];
-        MEV_value_pending = 0;
-        if (body == MMM_NIL) {
-            result.reset(MMM_retained(MMM_NULL));
-        } else {
-            result.reset(MEV_eval(body, MEV_CONTEXT_STATEMENT, 0));
-            if (result) MEV_ring_enter(result.get());
-            else result.reset(MMM_retained(MEV_value_pending && MEV_last_value ? MEV_last_value : MMM_NULL));
-        }
-        // 20.
-        MEV_frame_leave(frame);
-        // 22. A `return` (or a stray `next` or `break`) ends here; `quit` goes on.
-        if (MEV_control != MEV_CONTROL_QUIT) MEV_control = MEV_CONTROL_NONE;
-        // 23.
-        if (check && field[MMM_PF_RETURN_TYPE] != MMM_NIL) {
-            MEV_type_check = 0;
-            check_result(frame, proc, result.get());
-            MEV_type_check = caller.type_check;
-        }
-        // 24. The caller's activation is current again.
-        Cell back = MMM_child(frame, MEV_AC_CALLER);
-        const std::string name_text = MEV_warn_dead_closure ? MEV_call_name_text(frame) : std::string();
-        MEV_frame = MMM_retained(back);
-        frame_current = false;
-        if (!MEV_frame_close(frame, escape) && MEV_warn_dead_closure)
-            MER_warn(MER_WARN_DEAD_CLOSURE, nullptr, name_text.c_str());
-        // 25.
-        if (remember_now) {
-            remember_store(proc, args.get(), result.get());
-            args.reset();
-        }
+        MEV_frame_leave(c.frame);
+    } catch (const MER_exception&) {
+    }
+    MEV_frame = MMM_retained(MMM_child(c.frame, MEV_AC_CALLER));
+    MEV_frame_close(c.frame, c.options & MMM_PROC_ESCAPE);
+}
+
+}  // namespace
+
+Cell MEV_call_proc(Cell expr, int, unsigned flags, Cell proc) {
+    check_depth(proc);
+    ProcCall c(proc);
+    if (flags & MEV_HOLD) return MMM_retained(expr);  // a held call stays as it is
+    take_arguments(c, expr, flags);
+    if (Cell found = look_up_remembered(c)) return MMM_retained(found);
+    CallerState caller;
+    enter_body_level();
+    try {
+        open_activation(c);
+        save_names(c);
+        bind_arguments(c);
+        test_argument_types(c, caller);
+        keep_arguments_if_remembering(c);
+        run_body(c);
+        leave_body(c);
+        test_return_type(c, caller);
+        close_activation(c);
+        remember_result(c);
     } catch (...) {
-        // The activation is left as on a normal exit, so that whoever catches the error
-        // finds the evaluator as it was at the call.
-        if (frame_current) {
-            try {
-                MEV_frame_leave(frame);
-            } catch (const MER_exception&) {
-            }
-            MEV_frame = MMM_retained(MMM_child(frame, MEV_AC_CALLER));
-            MEV_frame_close(frame, escape);
-        }
+        abandon_activation(c);
         caller.restore();
         throw;
     }
-    // 26.
     caller.restore();
-    return result.take();
+    return c.result.take();
 }
 
 // ---- public: locals ----
