@@ -601,13 +601,21 @@ std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>
     if (!is_real(lo) || !is_real(hi)) MER_raise(MER_REAL_EXPECTED, nullptr);
     Cell step = step_value ? step_value : MAR_ONE;
     if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
+    // A sequence longer than this is refused before any of it is made.
+    constexpr long MAX_VALUES = 100000000;
+    if (MAR_compare(lo, hi) <= 0) {
+        MMM_ref span(MAR_binop(hi, lo, nullptr, MAR_SUBTRACT));
+        MMM_ref steps(MAR_binop(span.get(), step, nullptr, MAR_DIVIDE));
+        MMM_ref limit(MMM_make_integer(MAX_VALUES));
+        if (MAR_compare(steps.get(), limit.get()) >= 0) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
+    }
     for (MMM_ref v(MMM_retained(lo)); MAR_compare(v.get(), hi) <= 0;) {
         Cell c = v.get();
         owned.push_back(std::move(v));
         out.push_back(c);
         v.reset(MAR_binop(c, step, nullptr, MAR_ADD));
         if (MAR_compare(v.get(), hi) > 0) break;
-        if (out.size() > 100000000) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
+        if (out.size() > size_t(MAX_VALUES)) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
     }
     return out;
 }

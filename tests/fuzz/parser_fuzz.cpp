@@ -20,6 +20,9 @@ bool start() {
     if (MSE_start(int(args.size()), args.data()) != MSE_RUNNING) return false;
     MSY_remove_signal_handlers();  // crashes are the fuzzer's to report
     MSY_output = std::fopen("/dev/null", "w");
+    // As a session with Maxmem: a text that asks for more (`x $ i = 1..3e10` in a `%if`
+    // condition) gets the out-of-memory error instead of exhausting the process.
+    MMM_set_ceiling(uint64_t(512) << 20);
     return true;
 }
 
