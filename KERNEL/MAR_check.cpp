@@ -12,14 +12,18 @@
 #include <vector>
 
 #include "MAR_canonical.h"
+#include "MAR_canonical_internal.h"
 #include "MAR_numbers.h"
 #include "MCM_equal.h"
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 
 namespace {
+
+using namespace MAR_canon;
 
 bool busy = false;  // a check runs: the routines it calls do not check their results
 
@@ -29,75 +33,8 @@ struct Busy {
     ~Busy() { busy = saved; }
 };
 
-// A counted reference of the checker's own, released at the end of its scope.
-class Owned {
-public:
-    explicit Owned(Cell c = nullptr) : c_(c) {}
-    Owned(Owned&& o) noexcept : c_(o.c_) { o.c_ = nullptr; }
-    Owned& operator=(Owned&& o) noexcept {
-        std::swap(c_, o.c_);
-        return *this;
-    }
-    Owned(const Owned&) = delete;
-    Owned& operator=(const Owned&) = delete;
-    ~Owned() { MMM_release(c_); }
-    Cell get() const { return c_; }
 
-private:
-    Cell c_;
-};
-
-// ---- reading cells ----
-
-int tag(Cell c) { return c && MMM_kind_of(c) == MMM_NODE && c->size >= MMM_NODE_BYTES ? MMM_category(c) : 0x7fff; }
-
-bool is_op(Cell c, int id) {
-    return tag(c) == DOM_EXPR && MMM_child_count(c) >= 1 && MMM_child(c, 0) == MMM_ident_by_id(id);
-}
-long operand_count(Cell e) { return MMM_child_count(e) - 1; }
-Cell operand(Cell e, long i) { return MMM_child(e, i); }  // 1-based
-
-bool is_number(Cell c) { return MAR_is_number(c); }
-bool is_integer(Cell c) { return is_number(c) && (MMM_category(c) == DOM_INT || MMM_category(c) == CAT_BIG_INT); }
-bool is_poly(Cell c) { return tag(c) == DOM_POLY || tag(c) == DOM_RPOLY; }
-bool is_small(Cell c, long v) { return is_number(c) && MMM_category(c) == DOM_INT && MAR_small_int(c) == v; }
-bool is_exact_one(Cell c) { return is_small(c, 1); }
-
-template <typename F>
-auto with_value(Cell c, F f) {
-    const pari_sp av = avma;
-    auto r = f(MAR_get_raw(c));
-    set_avma(av);
-    return r;
-}
-
-bool holds_float(Cell c) {
-    if (!is_number(c)) return false;
-    if (MMM_category(c) == DOM_FLOAT) return true;
-    if (MMM_category(c) != DOM_COMPLEX) return false;
-    return with_value(c, [](GEN v) { return typ(gel(v, 1)) == t_REAL || typ(gel(v, 2)) == t_REAL; });
-}
-
-// 0 or 0.0 (a special float is no zero).
-bool is_zero(Cell c) {
-    if (!is_number(c) || MAR_special(c)) return false;
-    if (MMM_category(c) == DOM_INT) return MAR_small_int(c) == 0;
-    return with_value(c, [](GEN v) { return bool(gequal0(v)); });
-}
-
-int real_sign(Cell c) {
-    if (!is_number(c) || MMM_category(c) == DOM_COMPLEX) return 0;
-    if (const int s = MAR_special(c)) return s == MAR_SIGN_NAN ? 0 : s > 0 ? 1 : -1;
-    return with_value(c, [](GEN v) { return int(gsigne(v)); });
-}
-
-// Operators whose expressions stand for sets or truth values.
-bool is_set_expression(Cell c) {
-    for (int id : {MFN_ID_LESS, MFN_ID_LEEQUAL, MFN_ID_EQUAL, MFN_ID_UNEQUAL, MFN_ID_UNION, MFN_ID_MINUS,
-                   MFN_ID_INTERSECT, MFN_ID_AND, MFN_ID_OR, MFN_ID_NOT})
-        if (is_op(c, id)) return true;
-    return false;
-}
+// ---- reading cells (the readers are canonical arithmetic's own, MAR_canon) ----
 
 // `_negate`, `_subtract`, `_divide` and `_invert` leave no trace in results.
 bool is_companion(Cell c) {
@@ -121,17 +58,17 @@ Cell make_expr(int id, const std::vector<Cell>& ops) {
 }
 
 // The form without its sign, as collection compares it (new reference).
-Owned sign_free(Cell base, bool* negated) {
+MMM_ref sign_free(Cell base, bool* negated) {
     *negated = !is_poly(base) && MAR_looks_negative(base, true);
-    if (*negated) return Owned(MAR_negate(base, true));
+    if (*negated) return MMM_ref(MAR_negate(base, true));
     MMM_retain(base);
-    return Owned(base);
+    return MMM_ref(base);
 }
 
 // A term of a sum: its base without the numeric coefficient, and that base sign-free.
 struct Term {
-    Owned base;
-    Owned free;
+    MMM_ref base;
+    MMM_ref free;
 };
 
 Term make_term(Cell t) {
@@ -140,15 +77,15 @@ Term make_term(Cell t) {
     if (n >= 2 && is_number(operand(t, n))) {
         if (n == 2) {
             MMM_retain(operand(t, 1));
-            r.base = Owned(operand(t, 1));
+            r.base = MMM_ref(operand(t, 1));
         } else {
             std::vector<Cell> rest;
             for (long i = 1; i < n; ++i) rest.push_back(operand(t, i));
-            r.base = Owned(make_expr(MFN_ID_MULT, rest));
+            r.base = MMM_ref(make_expr(MFN_ID_MULT, rest));
         }
     } else {
         MMM_retain(t);
-        r.base = Owned(t);
+        r.base = MMM_ref(t);
     }
     bool negated;
     r.free = sign_free(r.base.get(), &negated);
@@ -159,7 +96,7 @@ Term make_term(Cell t) {
 struct Factor {
     Cell term;
     Cell base;
-    Owned free;
+    MMM_ref free;
     bool negated = false;
     bool integer_exponent = true;
     bool number_exponent = true;
