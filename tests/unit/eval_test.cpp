@@ -1,9 +1,6 @@
 // The evaluation core in a live session: parsed text evaluated as a statement.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -83,61 +80,6 @@ TEST(Eval, LegalityRefusesOperandsBeforeAnyOperatorRuns) {
     EXPECT_EQ(MEV_legality(15, 2), 1001) << "an unevaluated or is no summand";
     EXPECT_EQ(MEV_legality(15, 5), 0);
     EXPECT_EQ(eval("1 < 2 + (a or b)"), "Error 1001: Error: Illegal operand [_plus]");
-}
-
-// The legality table, row by row as the language defines it: which categories a row
-// allows, and which operator columns.
-TEST(Eval, LegalityTableRows) {
-    struct Row {
-        std::vector<int> rows;
-        std::string categories;  // "all", or "all but ..." / a list of category numbers
-        std::string operators;   // "all", "none", or a list of columns
-    };
-    const std::string numbers = "1 2 3 4";
-    const std::string callables = "27 28 33 36 40 42";
-    const std::vector<Row> table = {
-        {{0, 1, 7, 8, 22}, "all", "all"},
-        {{4, 9, 19}, "all but 29", "all"},
-        {{18}, "all but 29 34 40", "all"},
-        {{28}, "all but 29", "all"},
-        {{2, 3}, "11 13 20 26 " + callables, "1 2 3 4 5 6 7 8 18 22 28 29"},
-        {{5, 6}, numbers + " 8 10 13 20 26 " + callables, "1 4 5 6 7 8 10 15 16 17 18 22 24 25 26 27 28 29"},
-        {{10}, "1 3 4 13 20 26 " + callables, "1 10 15 16 17 18 22 24 25 26 27"},
-        {{11, 20, 21, 23}, "26 " + callables, "none"},
-        {{12, 14}, "8 13 20 21 26 " + callables, "1 4 12 13 14 18 22 28 29"},
-        {{13}, "13 20 21 26 " + callables, "1 4 12 13 14 18 22 28 29"},
-        {{15, 16, 24, 25, 26, 27}, numbers + " 6 8 13 20 21 26 34 37 " + callables,
-         "1 4 5 6 7 8 10 15 16 17 18 19 22 24 25 26 27 28 29"},
-        {{17}, numbers + " 6 8 13 20 21 26 34 37 " + callables, "1 10 15 16 17 18 19 22 24 25 26 27"},
-    };
-    auto numbers_of = [](const std::string& text) {
-        std::vector<int> out;
-        std::istringstream in(text);
-        std::string word;
-        while (in >> word)
-            if (std::isdigit(static_cast<unsigned char>(word[0]))) out.push_back(std::stoi(word));
-        return out;
-    };
-    int rows_seen = 0;
-    for (const Row& r : table) {
-        for (int row : r.rows) {
-            ++rows_seen;
-            const bool all_but = r.categories.rfind("all", 0) == 0;
-            const std::vector<int> listed = numbers_of(r.categories);
-            for (int cat = 0; cat + 30 < 73; ++cat) {
-                const bool in_list = std::find(listed.begin(), listed.end(), cat) != listed.end();
-                const bool allowed = all_but ? !in_list : in_list;
-                EXPECT_EQ(MEV_legality(row, 30 + cat), allowed ? 0 : 1001) << "row " << row << " category " << cat;
-            }
-            const std::vector<int> ops = numbers_of(r.operators);
-            for (int col = 0; col < 30; ++col) {
-                const bool allowed =
-                    r.operators == "all" || std::find(ops.begin(), ops.end(), col) != ops.end();
-                EXPECT_EQ(MEV_legality(row, col), allowed ? 0 : 1001) << "row " << row << " column " << col;
-            }
-        }
-    }
-    EXPECT_EQ(rows_seen, 29);
 }
 
 TEST(Eval, FunctionEnvironments) {
