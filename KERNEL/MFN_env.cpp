@@ -2,6 +2,7 @@
 #include "MFN_layout.h"
 
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "MER_error.h"
@@ -97,6 +98,9 @@ void MFN_names_start() {
 }
 
 void MFN_start() {
+    // A code carried twice, or a shared code with two bodies, would call the wrong routine.
+    const std::vector<std::string> faults = MFN_check_codes();
+    if (!faults.empty()) MSY_fatal("Fatal error in the function table: " + faults.front() + ".");
     kept_names = MMM_new_cleared(MMM_VECTOR, 0, 7);
     MMM_sign(kept_names);
     const char* kept[] = {"PolyExpr", "RatExpr", "All", "stdlib", "Global"};
