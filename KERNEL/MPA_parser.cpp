@@ -455,21 +455,14 @@ Cell nary_head(const MLX_token& t) {
 
 Cell Parser::divide(Cell a, Cell b) {
     auto exact = [](Cell x) { return MMM_kind_of(x) == MMM_NODE && (MMM_category(x) == DOM_INT || MMM_category(x) == DOM_RAT); };
-    if (exact(a) && exact(b)) {
-        // Folded at once; a division by zero is an error of the read, reported by no one.
-        const bool trapped = MER_trapped;
-        MER_trapped = true;
-        try {
-            Cell q = MAR_divide(a, b);
-            MER_trapped = trapped;
-            MMM_release(a);
-            MMM_release(b);
-            return q;
-        } catch (const MER_exception&) {
-            MER_trapped = trapped;
-            MER_pending = 0;
-            r_.set_error(23);
-        }
+    // A quotient of exact literals is folded at once. A zero divisor is left alone: the
+    // tree stays a division, and the error comes when it is evaluated, as for any other
+    // division by zero.
+    if (exact(a) && exact(b) && !MCM_equal(b, MAR_ZERO)) {
+        Cell q = MAR_divide(a, b);
+        MMM_release(a);
+        MMM_release(b);
+        return q;
     }
     if (MCM_equal(a, MAR_ONE)) {
         MMM_release(a);
