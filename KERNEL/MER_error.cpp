@@ -93,7 +93,8 @@ void MER_report(long number, const char* text, va_list args) {
         if (alone) msg += text;
         else (msg += " [") += std::string(text) + "]";
     }
-    if (!alone) {
+    // A refused quit concerns the session, not the running procedure.
+    if (!alone && number != MER_WARN_QUIT_VIA_INTERFACE) {
         std::string name;
         if (MER_context_name(name)) msg += ";\nduring evaluation of '" + name.substr(0, 400) + "'";
     }

@@ -23,7 +23,7 @@
 #include "MPA_reader.h"
 #include "MSY_process.h"
 
-void (*MEV_quit_hook)() = nullptr;
+bool (*MEV_quit_hook)() = nullptr;
 int32_t MEV_level = 100;
 int32_t MEV_level_saved = 100;
 int32_t MEV_max_level = 100;

@@ -112,9 +112,9 @@ struct MEV_procedure_hooks_record {
 };
 extern MEV_procedure_hooks_record MEV_procedure_hooks;
 
-// Called by `quit` once the statement has asked to end the session (the session installs
-// it; it ends the main loop once the command is over).
-extern void (*MEV_quit_hook)();
+// Asked by `quit` whether the session may end (the session installs it). True: the main
+// loop ends once the command is over. False: the session has said why it stays.
+extern bool (*MEV_quit_hook)();
 
 // The session's entries: a statement from the top level (a fresh evaluation, new
 // reference), and the evaluator's state cleared after an error reached the top level.

@@ -504,8 +504,8 @@ Cell stmt_break(Cell e, int context, unsigned flags, Cell) { return stmt_transfe
 Cell stmt_quit(Cell e, int context, unsigned flags, Cell) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    MEV_control = MEV_CONTROL_QUIT;
-    if (MEV_quit_hook) MEV_quit_hook();
+    if (MEV_nargs(e) != 0) MER_raise(MER_WRONG_ARG_COUNT, name_of(e).c_str());
+    if (!MEV_quit_hook || MEV_quit_hook()) MEV_control = MEV_CONTROL_QUIT;
     return closing(context);
 }
 

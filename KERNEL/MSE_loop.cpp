@@ -181,6 +181,8 @@ void MSE_run_text(std::string_view text) {
 }
 
 Cell MSE_toplevel_eval(Cell statement, bool print) {
+    // After `quit` the statements left in the command or file do not run.
+    if (MSE_session.control_state == MSE_CONTROL_ENDING) return MMM_retained(MMM_NULL);
     MSE_session.control_state = MSE_CONTROL_RUNNING;
     MSE_limits.command_start_ms = MSY_monotonic_ms();
     Cell value;
@@ -234,23 +236,32 @@ void MSE_read_file(const std::string& path) {
 void MSE_read_init_files(int file_count, char** files) {
     MSE_session_record& s = MSE_session;
 
-    // 1. The system init file: without it there is no session.
+    // 1. The system init file: without it there is no session. Its error is not
+    // reported on the output, which may be a batch run's result: it goes with the fatal
+    // text to the operator.
     s.interrupts_deferred = false;
     const std::string sysinit = s.lib_dir + "/sysinit.tv";
     {
         const bool warn = MPA_warn_changes;
         const uint32_t debug = s.debug_flags;
+        const bool trapped = MER_trapped;
         MPA_warn_changes = false;
         s.debug_flags = 0;
+        MER_trapped = true;
         bool ok = true;
         try {
             MSE_read_file(sysinit);
         } catch (const MER_exception&) {
             ok = false;
         }
+        MER_trapped = trapped;
         MPA_warn_changes = warn;
         s.debug_flags = debug;
-        if (!ok) MSE_fatal("Could not read system init file '" + s.lib_dir + "/sysinit.tv'");
+        if (!ok) {
+            std::fflush(MSY_output);
+            std::fprintf(stderr, "%s\n", MER_last_text.c_str());
+            MSE_fatal("Could not read system init file '" + s.lib_dir + "/sysinit.tv'");
+        }
     }
     // 3. Booted.
     s.interrupts_deferred = true;
@@ -290,6 +301,9 @@ void MSE_read_init_files(int file_count, char** files) {
     }
     s.interrupts_deferred = true;
 
-    // 8. Started.
-    if (!s.batch_output.empty() && failed) MSE_fatal("Read error while reading batch input file(s).");
+    // 8. Started. A failed batch run ends here, after the session's exit hooks.
+    if (!s.batch_output.empty() && failed) {
+        MSE_run_call_on_exit();
+        MSE_fatal("Read error while reading batch input file(s).");
+    }
 }

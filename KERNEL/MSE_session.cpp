@@ -19,6 +19,7 @@
 #include "MMM_heap.h"
 #include "MMM_table.h"
 #include "MMM_ident.h"
+#include "MMM_ref.h"
 #include "MMM_values.h"
 #include "MOU_print.h"
 #include "MPA_reader.h"
@@ -93,13 +94,49 @@ void new_handler_live() {
     MSE_fatal(text);
 }
 
+// `quit`: the session ends after the running command when its driver lets it; otherwise a
+// warning, and the session goes on.
+bool accept_quit() {
+    if (!MSE_session.can_quit) {
+        MER_warn(MER_WARN_QUIT_VIA_INTERFACE, nullptr);
+        return false;
+    }
+    MSE_session.control_state = MSE_CONTROL_ENDING;
+    return true;
+}
+
+// One entry of CallOnExit: a list runs its items in turn, anything else is called with no
+// arguments under a trap. A failure is said on the current output and the next runs.
+void run_exit_entry(Cell entry) {
+    if (MMM_is_node(entry, DOM_LIST)) {
+        for (long i = 0; i < MMM_child_count(entry); ++i) run_exit_entry(MMM_child(entry, i));
+        return;
+    }
+    if (entry == MMM_NIL) return;
+    MMM_ref call(MMM_make_expr(1));
+    MMM_children(call.get())[0] = MMM_retained(entry);
+    MMM_sign(call.get());
+    MMM_ref trap(MMM_make_expr(2));
+    MMM_children(trap.get())[0] = MMM_ident_named("traperror");
+    MMM_children(trap.get())[1] = MMM_retained(call.get());
+    MMM_sign(trap.get());
+    bool failed = true;
+    try {
+        MMM_ref code(MSE_frontend.eval(trap.get()));
+        failed = !MCM_equal(code.get(), MAR_ZERO);
+    } catch (const MER_exception&) {
+        MSE_recover(true);
+    }
+    if (failed) MOU_printf(MOU_OTH, "An error occurred when executing 'CallOnExit'.\n");
+}
+
 // Every table of built-ins, installed in one place. A fault in a table (an unknown name,
 // a second body) ends the start with a message that names the built-in.
 void install_builtins() {
     for (const MFN_builtin_table& table :
          {MAR_canonical_builtins, MAR_function_builtins, MCM_builtins, MEV_eval_builtins, MEV_call_builtins,
           MEV_stmt_builtins, MEV_proc_builtins, MEV_operand_builtins, MEV_container_builtins, MEV_env_builtins,
-          MEV_trap_builtins, MOU_operator_printers, MOU_statement_printers})
+          MEV_trap_builtins, MOU_operator_printers, MOU_statement_printers, MSE_pref_builtins})
         MFN_install(table);
 }
 
@@ -114,7 +151,7 @@ void install_hooks() {
     MSE_frontend.reset_evaluator = MEV_reset_after_error;
     MSE_frontend.print_result = MOU_print_result;
     MPA_hooks.toplevel_eval = MSE_toplevel_eval;
-    MEV_quit_hook = [] { MSE_session.control_state = MSE_CONTROL_ENDING; };
+    MEV_quit_hook = accept_quit;
     MER_set_file_routine(reading_file);
 }
 
@@ -210,9 +247,30 @@ MSE_start_result MSE_start(int argc, char** argv) {
     }
 }
 
+void MSE_run_call_on_exit() {
+    static bool ran = false;
+    if (ran || state != State::running || MSE_session.in_boot || !MSE_frontend.eval) return;
+    ran = true;
+    MMM_ref entries(MMM_retained(MSE_call_on_exit()));
+    const MSE_control_state control = MSE_session.control_state;
+    const bool can_quit = MSE_session.can_quit;
+    const bool deferred = MSE_session.interrupts_deferred;
+    MSE_session.control_state = MSE_CONTROL_RUNNING;
+    MSE_session.can_quit = false;  // the session is ending already
+    MSE_session.interrupts_deferred = false;
+    run_exit_entry(entries.get());
+    std::fflush(MSY_output);
+    MSE_session.control_state = control;
+    MSE_session.can_quit = can_quit;
+    MSE_session.interrupts_deferred = deferred;
+}
+
 void MSE_stop(int exit_code, bool end_process) {
     try {
         std::fflush(MSY_output);
+        // A session stopped in the middle of a computation (watchdog, internal failure)
+        // does not run more of the user's code.
+        if (exit_code == 0) MSE_run_call_on_exit();
         MMM_set_memory_handler(fatal_out_of_memory);
         if (!MSE_session.in_boot && !MSE_session.in_early_setup && state == State::running) {
             if (MSY_output && MSY_output != stdout && MSY_output != stderr) std::fclose(MSY_output);

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "MFN_table.h"
 #include "MMM_cell.h"
 #include "MSY_process.h"
 
@@ -63,6 +64,9 @@ struct MSE_session_record {
     std::string secure_write_path;
     std::string secure_exec_path;
     MSE_control_state control_state = MSE_CONTROL_RUNNING;
+    // The driver of the session lets `quit` end it (the terminal and batch runs do).
+    // Cleared while CallOnExit runs: the session is ending already.
+    bool can_quit = true;
     bool interrupts_deferred = true;
     std::string package_path;
     std::string lib_path;
@@ -101,7 +105,12 @@ extern MSE_frontend_hooks MSE_frontend;
 enum MSE_start_result { MSE_RUNNING = 0, MSE_ALREADY_RUNNING = 1, MSE_FINISHED = 2 };
 MSE_start_result MSE_start(int argc, char** argv);
 [[noreturn]] void MSE_exit(int code);
+// Ends the session: runs CallOnExit when the code is 0, shuts the modules down and, with
+// `end_process`, ends the process with the code.
 void MSE_stop(int exit_code, bool end_process);
+// Runs the entries of CallOnExit once in a session, each under a trap; a later call does
+// nothing.
+void MSE_run_call_on_exit();
 // The session's fatal exit; installed as MSY_hooks.fatal, through which every module
 // reaches it (MSY_fatal).
 [[noreturn]] void MSE_fatal(const std::string& text);
@@ -179,4 +188,10 @@ long MSE_get_report();
 void MSE_write_report(long number, const std::string& text);
 // Error report of the session: the same routine as MER_report.
 void MSE_error_report(long code, const char* text);
+
+// ---- preferences ----
+// `_pref`, in MSE_prefs.cpp.
+extern const MFN_builtin_table MSE_pref_builtins;
+// The value of the preference CallOnExit (borrowed): NIL, a callable, or a list of them.
+Cell MSE_call_on_exit();
 

@@ -13,20 +13,26 @@ namespace {
 const std::string data = TORVA_TEST_DATA;
 const std::string lib_ok = data + "/lib_ok";
 
+// A start that cannot read its system init file ends with code 1 and writes nothing on
+// the standard output, which may be a batch run's result: the reason and the fatal text
+// go to the standard error stream.
 TEST(Session, MissingSystemInitFileIsFatal) {
     for (const auto& args : std::vector<std::vector<std::string>>{{"-l", "/nonexistent", "-b", "-"},
                                                                   {"-l", "/nonexistent"}}) {
-        const ProgramRun r = run_torvkern(args);
+        const ProgramRun r = run_torvkern(args, "print(1);\n");
         EXPECT_EQ(r.exit_code, 1);
-        EXPECT_EQ(r.err, "Could not read system init file '/nonexistent/sysinit.tv'\n");
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "Error: Can't read from file \"/nonexistent/sysinit.tv\"\n"
+                         "Could not read system init file '/nonexistent/sysinit.tv'\n");
     }
 }
 
 TEST(Session, AnErrorInTheSystemInitFileIsFatal) {
-    const ProgramRun r = run_torvkern({"-l", data + "/lib_bad", "-b", "-"});
+    const ProgramRun r = run_torvkern({"-l", data + "/lib_bad", "-b", "-"}, "print(1);\n");
     EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.out, "Error: file " + data + "/lib_bad/sysinit.tv, line 1, col 1: Unexpected ')'\n");
-    EXPECT_EQ(r.err, "Could not read system init file '" + data + "/lib_bad/sysinit.tv'\n");
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "Error: file " + data + "/lib_bad/sysinit.tv, line 1, col 1: Unexpected ')'\n"
+                     "Could not read system init file '" + data + "/lib_bad/sysinit.tv'\n");
 }
 
 TEST(Session, FreshBuildFindsItsLibraryWithoutOptions) {
@@ -82,6 +88,18 @@ TEST(Session, TerminalSessionEndsCleanlyAtEndOfInput) {
     const ProgramRun r = run_torvkern({"-l", lib_ok}, "\n// a comment\n");
     EXPECT_EQ(r.exit_code, 0);
     EXPECT_EQ(r.out, "");
+}
+
+// On the terminal, `quit` ends the session after its line, and CallOnExit runs at the end
+// whether the input ran out or quit ended it.
+TEST(Session, TerminalSessionRunsCallOnExitAtTheEnd) {
+    const std::string hook = "_pref(CallOnExit = proc() begin print(\"bye\") end_proc):\n";
+    const ProgramRun ended = run_torvkern({"-l", lib_ok}, hook + "1 + 1;\n");
+    EXPECT_EQ(ended.exit_code, 0);
+    EXPECT_EQ(ended.out, "2\n\"bye\"\n");
+    const ProgramRun quit = run_torvkern({"-l", lib_ok}, hook + "quit; 3;\n4;\n");
+    EXPECT_EQ(quit.exit_code, 0);
+    EXPECT_EQ(quit.out, "\"bye\"\n");
 }
 
 }  // namespace
