@@ -302,16 +302,37 @@ void MEV_check_declared_args(const MFN_record* record, Cell e) {
 }
 #endif
 
-Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
+// The record whose routine an evaluator DOM_EXEC names. Anything else is refused: a
+// printer (its fourth child is the name, its code a printer's), an executable of another
+// shape, and a routine of no record (the procedure call, setters and getters), which is
+// no built-in and takes other arguments.
+const MFN_record* callable_record(Cell exec) {
+    if (MMM_child_count(exec) != MFN_EXEC_COUNT || MMM_is_node(MMM_child(exec, MFN_EXEC_STORE), DOM_STRING))
+        MER_raise(MER_WRONG_EXEC_TYPE, nullptr);
     Cell code = MMM_child(exec, MFN_EXEC_CODE);
     const MFN_record* record = MFN_record_of_code(code);
+    if (!record || MMM_code_of(code).role == MTR_PRINTER) MER_raise(MER_WRONG_EXEC_TYPE, nullptr);
+    return record;
+}
+
+// The name a built-in is called by: the executable's name (a string or an identifier's
+// name), else the name of its record.
+Cell call_name(Cell exec, const MFN_record* record) {
+    Cell text = MMM_child(exec, MFN_EXEC_TEXT);
+    if (MMM_is_node(text, DOM_STRING) || is_ident(text)) return MMM_child(text, 0);
+    return MMM_intern(record->name);
+}
+
+Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
+    const MFN_record* record = callable_record(exec);
+    Cell code = MMM_child(exec, MFN_EXEC_CODE);
     const MFN_routine routine = MMM_code_routine(code);
     // Each built-in finds its own name as the operator of its expression.
-    Cell name = MMM_child(MMM_child(exec, MFN_EXEC_TEXT), 0);
+    Cell name = call_name(exec, record);
     MMM_ref e(is_ident(MMM_child(expr, 0)) && MMM_child(MMM_child(expr, 0), 0) == name
                   ? MMM_retained(expr)
                   : with_operator(expr, MMM_ident(name)));
-    if (record && record->raw) {
+    if (record->raw && routine) {
         MMM_ref r(routine(e.get(), context, flags, exec));
 #ifdef TORVA_CHECK
         if (record->min_args >= 0) MEV_check_declared_args(record, e.get());
@@ -321,7 +342,7 @@ Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
     Cell result = nullptr;
     if (MEV_builtin_front(e.slot(), context, flags, exec, MFN_front_of_code(code), &result)) return result;
     if (!routine) return e.take();  // no body yet: the call stays as it is
-    if (record && record->min_args >= 0)
+    if (record->min_args >= 0)
         MEV_need_args(e.get(), record->min_args, record->max_args < 0 ? LONG_MAX : record->max_args);
     return routine(e.get(), context, flags | MEV_ARGS_FLAT, exec);
 }
