@@ -1,5 +1,5 @@
-// The built-ins table(...), _frame, _parentFrame and _rootFrame, and index access to
-// arrays.
+// The built-ins table(...), _frame, _parentFrame and _rootFrame, bytes, and index access
+// to arrays.
 #include "MEV_containers.h"
 #include "MEV_builtins.h"
 
@@ -11,6 +11,7 @@
 #include "MEV_eval.h"
 #include "MFN_table.h"
 #include "MMM_containers.h"
+#include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_ref.h"
 #include "MMM_table.h"
@@ -178,7 +179,22 @@ Cell MEV_enter_frame_path(std::string_view path) {
 }
 
 namespace {
+
+// bytes(): the memory in use (the cells' sizes) and the memory reserved from the system
+// (pages and big cells), in bytes.
+Cell builtin_bytes(Cell, int, unsigned, Cell) {
+    MMM_ref used(MAR_from_long(long(MMM_used_bytes())));
+    MMM_ref reserved(MAR_from_long(long(MMM_reserved_bytes())));
+    Cell seq = MMM_make_expr(3);
+    MMM_children(seq)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    MMM_children(seq)[1] = used.take();
+    MMM_children(seq)[2] = reserved.take();
+    MMM_sign(seq);
+    return seq;
+}
+
 const MFN_builtin builtins[] = {
+    {.name = "bytes", .routine = builtin_bytes, .args = {0, 0}},
     {.name = "table", .routine = builtin_table},
     {.name = "_frame", .routine = builtin_frame, .raw = true},
     {.name = "_parentFrame", .routine = builtin_parent_frame},

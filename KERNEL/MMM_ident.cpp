@@ -254,9 +254,15 @@ void check_protection(Cell ident, Cell value, unsigned flags, Cell frame) {
 Cell store_value(Cell ident, Cell value, Cell frame) {
     Cell binding = MMM_binding_find(ident, frame);
     if (!value) {
-        // A frame held by an identifier cannot be deleted while it is in use.
-        if (binding && binding_value(binding) && MMM_is_node(binding_value(binding), DOM_FRAME) &&
-            is_ancestor_or_self(binding_value(binding), MMM_current_frame))
+        // A name that shows the current frame or one above it cannot be deleted, wherever
+        // its binding sits: the value seen from `frame` is what the deletion would hide.
+        Cell seen = nullptr;
+        for (Cell f = frame; !seen && f && f != MMM_NIL; f = MMM_frame_parent(f)) {
+            Cell b = lookup_in(ident, f);
+            if (b && (binding_flags(b) & MMM_BIND_PROPERTIES)) break;
+            if (b) seen = binding_value(b);
+        }
+        if (seen && MMM_is_node(seen, DOM_FRAME) && is_ancestor_or_self(seen, MMM_current_frame))
             MER_raise(MER_FRAME_IN_USE, nullptr);
     }
     if (!binding) binding = MMM_binding_make(ident, frame);
