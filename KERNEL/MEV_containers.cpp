@@ -193,9 +193,17 @@ Cell builtin_bytes(Cell, int, unsigned, Cell) {
     return seq;
 }
 
+// share(): asks for the pass that merges equal cells; the top level runs it when the
+// command (or batch file) is over, when no native frame holds cells of it.
+Cell builtin_share(Cell, int, unsigned, Cell) {
+    MMM_share_requested = true;
+    return MMM_retained(MMM_NULL);
+}
+
 const MFN_builtin builtins[] = {
     {.name = "bytes", .routine = builtin_bytes, .args = {0, 0}},
     {.name = "table", .routine = builtin_table},
+    {.name = "share", .routine = builtin_share, .args = {0, 0}},
     {.name = "_frame", .routine = builtin_frame, .raw = true},
     {.name = "_parentFrame", .routine = builtin_parent_frame},
     {.name = "_rootFrame", .routine = builtin_root_frame},

@@ -101,6 +101,8 @@ std::vector<std::string> split(const std::string& list, char sep) {
 }
 
 // Runs one batch source under a guard with a fresh context; gives the error code or 0.
+// A batch file is one command: a share pass it asked for runs when it is over, when no
+// reader holds cells of it any more.
 long run_batch_source(const char* name, const std::string* text) {
     MSE_session.control_state = MSE_CONTROL_RUNNING;
     try {
@@ -109,10 +111,12 @@ long run_batch_source(const char* name, const std::string* text) {
         } else {
             MSE_read_file(name);
         }
+        if (MMM_share_requested) MMM_share();
         return 0;
     } catch (const MER_exception& e) {
         const long code = e.code;
         MSE_recover(true);
+        if (MMM_share_requested) MMM_share();
         return code;
     }
 }
