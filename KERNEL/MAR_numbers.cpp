@@ -3,6 +3,7 @@
 
 #include <pari/pari.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -694,6 +695,28 @@ Cell MAR_binop(Cell a, Cell b, Cell* slot, int op) {
     return result;
 }
 
+namespace {
+
+// The sign of a real number; a real zero is zero whatever its accuracy.
+int sign_of(GEN x) { return typ(x) == t_FRAC ? signe(gel(x, 1)) : signe(x); }
+
+// An integer as a real with no rounding: at least `words` long, longer when it needs it.
+GEN exact_real(GEN n, long words) { return itor(n, std::max(words, lgefint(n))); }
+
+// Exact order of two non-zero reals of one sign, where at least one is a float. A real
+// compares with an integer at a length that holds both exactly, and with a fraction p/q
+// as q times the real against p, the product made at a length that holds it exactly.
+int compare_with_real(GEN x, GEN y) {
+    if (typ(x) == t_REAL && typ(y) == t_REAL) return cmprr(x, y);
+    if (typ(x) != t_REAL) return -compare_with_real(y, x);
+    if (typ(y) == t_INT) return cmprr(x, exact_real(y, lg(x)));
+    GEN p = gel(y, 1), q = gel(y, 2);
+    GEN qx = mulir(q, rtor(x, lg(x) + lgefint(q)));
+    return cmprr(qx, exact_real(p, lg(qx)));
+}
+
+}  // namespace
+
 int MAR_compare(Cell a, Cell b) {
     MAR_count_poll();
     check_number(a);
@@ -707,14 +730,23 @@ int MAR_compare(Cell a, Cell b) {
     GEN x = MAR_get_raw(a);
     GEN y = MAR_get_raw(b);
     int r;
-    if (typ(x) == t_INT && typ(y) == t_INT) r = cmpii(x, y);
-    else if (typ(x) == t_REAL && typ(y) == t_REAL) r = cmprr(x, y);
-    // An integer meets a real as a float of the real's length.
-    else if (typ(x) == t_INT && typ(y) == t_REAL) r = cmprr(itor(x, lg(y)), y);
-    else if (typ(x) == t_REAL && typ(y) == t_INT) r = cmprr(x, itor(y, lg(x)));
-    else r = gsigne(gsub(x, y));
+    if (typ(x) == t_INT && typ(y) == t_INT) {
+        r = cmpii(x, y);
+    } else if (typ(x) != t_REAL && typ(y) != t_REAL) {
+        r = gsigne(gsub(x, y));  // integers and fractions: exact
+    } else {
+        // With a float the signs decide first, so that no zero swallows a small value.
+        const int sx = sign_of(x), sy = sign_of(y);
+        r = sx != sy ? (sx < sy ? -1 : 1) : sx == 0 ? 0 : compare_with_real(x, y);
+    }
     set_avma(av);
     return r < 0 ? -1 : r > 0 ? 1 : 0;
+}
+
+int MAR_order(Cell a, Cell b) {
+    if (MAR_special(a) == MAR_SIGN_NAN || MAR_special(b) == MAR_SIGN_NAN)
+        MER_raise(MER_ILLEGAL_ARGUMENT, "comparison operator");
+    return MAR_compare(a, b);
 }
 
 // ---- the companions ----

@@ -124,10 +124,14 @@ enum MAR_operation {
 // An unknown `op` is error 1101; exact division by zero 1025; a zero modulus 36.
 Cell MAR_binop(Cell a, Cell b, Cell* slot, int op);
 
-// Order of real numbers: -1, 0 or 1. A special float orders by its sign field
+// Order of real numbers: -1, 0 or 1, exact at every magnitude (a float is compared with
+// an integer or fraction by its exact value). A special float orders by its sign field
 // (RD_NAN lowest, then RD_NINF, the finite numbers, RD_INF); a complex operand is
 // error 282.
 int MAR_compare(Cell a, Cell b);
+// The order a comparison operator asks for: as MAR_compare, but RD_NAN has none and is
+// error 1005 with "comparison operator".
+int MAR_order(Cell a, Cell b);
 
 // ---- the four companions of the arithmetic operators ----
 // Numbers are handled here. Other operands go to the expression layer through
