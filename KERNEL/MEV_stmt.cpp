@@ -10,6 +10,7 @@
 #include "MEV_containers.h"
 #include "MEV_eval.h"
 #include "MEV_proc.h"
+#include "MEV_relations.h"
 #include "MEV_stmt.h"
 #include "MFN_env.h"
 #include "MFN_layout.h"
@@ -455,7 +456,7 @@ Cell stmt_while(Cell e, int context, unsigned flags, Cell) {
     while (!MEV_control) {
         const int b = MEV_bool(MEV_arg(e, 1));
         if (b == MMM_BOOL_FALSE) break;
-        if (b != MMM_BOOL_TRUE) MER_raise(MER_UNEXPECTED_UNKNOWN, "_while");
+        if (b != MMM_BOOL_TRUE) MER_raise(b ? MER_UNEXPECTED_UNKNOWN : MER_NOT_BOOLEAN, "_while");
         MEV_exec(MEV_arg(e, 2));
         consume_next();
     }
@@ -474,7 +475,7 @@ Cell stmt_repeat(Cell e, int context, unsigned flags, Cell) {
         if (MEV_control) break;
         const int b = MEV_bool(MEV_arg(e, 2));
         if (b == MMM_BOOL_TRUE) break;
-        if (b != MMM_BOOL_FALSE) MER_raise(MER_UNEXPECTED_UNKNOWN, "_repeat");
+        if (b != MMM_BOOL_FALSE) MER_raise(b ? MER_UNEXPECTED_UNKNOWN : MER_NOT_BOOLEAN, "_repeat");
     }
     leave_loop();
     return closing(context);
@@ -694,70 +695,40 @@ Cell builtin_not(Cell e, int, unsigned, Cell) {
     }
 }
 
-// Three-valued and/or, left to right, stopping as soon as the result is decided.
-Cell lazy(Cell e, int context, unsigned flags, bool is_and) {
+// Three-valued and/or, left to right, stopping as soon as the result is decided. The
+// lazy forms stand in conditions, where an operand's truth value is what counts: they
+// decide relations by MEV_truth; the plain forms take only booleans as truth values.
+Cell lazy(Cell e, int context, unsigned flags, bool is_and, bool decide) {
     Cell out;
     if (opening(e, flags, &out)) return out;
+    (void)context;
     const int stop = is_and ? MMM_BOOL_FALSE : MMM_BOOL_TRUE;
     int result = is_and ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
-    std::vector<Cell> symbolic;
+    std::vector<MMM_ref> symbolic;
     for (long i = 1; i < MMM_child_count(e); ++i) {
-        Cell v = MEV_eval(MEV_arg(e, i), is_and ? MFN_ID_AND : MFN_ID_OR, 0);
-        const int b = truth_of(v);
-        if (b == stop) {
-            MMM_release(v);
-            for (Cell s : symbolic) MMM_release(s);
-            (void)context;
-            return bool_cell(stop);
-        }
+        MMM_ref v(MEV_eval(MEV_arg(e, i), is_and ? MFN_ID_AND : MFN_ID_OR, 0));
+        const int b = decide ? MEV_truth(v.get()) : truth_of(v.get());
+        if (b == stop) return bool_cell(stop);
         if (b == MMM_BOOL_UNKNOWN) result = MMM_BOOL_UNKNOWN;
-        else if (!b) symbolic.push_back(v), v = nullptr;
-        MMM_release(v);
+        else if (!b) symbolic.push_back(std::move(v));
     }
     if (symbolic.empty()) return bool_cell(result);
-    std::vector<Cell> ops = symbolic;
-    if (result == MMM_BOOL_UNKNOWN) ops.push_back(MMM_retained(MMM_UNKNOWN));
-    if (ops.size() == 1) return ops[0];
-    Cell r = MMM_make_expr(long(ops.size()) + 1);
+    if (result == MMM_BOOL_UNKNOWN) symbolic.emplace_back(MMM_retained(MMM_UNKNOWN));
+    if (symbolic.size() == 1) return symbolic[0].take();
+    Cell r = MMM_make_expr(long(symbolic.size()) + 1);
     MMM_children(r)[0] = MMM_retained(MMM_ident_by_id(is_and ? MFN_ID_AND : MFN_ID_OR));
-    for (size_t i = 0; i < ops.size(); ++i) MMM_children(r)[i + 1] = ops[i];
+    for (size_t i = 0; i < symbolic.size(); ++i) MMM_children(r)[i + 1] = symbolic[i].take();
     MMM_sign(r);
     return r;
 }
 
-Cell builtin_lazy_and(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, true); }
-Cell builtin_lazy_or(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, false); }
+Cell builtin_lazy_and(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, true, true); }
+Cell builtin_lazy_or(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, false, true); }
 
 // _and and _or have all their operands evaluated by the front.
 Cell builtin_and_or(Cell e, int context, unsigned, Cell) {
     const bool is_and = MMM_child(e, 0) == MMM_ident_by_id(MFN_ID_AND);
-    return lazy(e, context, MEV_ARGS_FLAT, is_and);
-}
-
-// A decision for the relations that stay unevaluated: numbers compare, other values are
-// equal only when they are the same value.
-int decide_relation(Cell v) {
-    if (MMM_category(v) != DOM_EXPR || MEV_nargs(v) != 2) return 0;
-    Cell op = MMM_child(v, 0), a = MEV_arg(v, 1), b = MEV_arg(v, 2);
-    const bool eq = op == MMM_ident_by_id(MFN_ID_EQUAL), ne = op == MMM_ident_by_id(MFN_ID_UNEQUAL);
-    if (eq || ne) {
-        const bool same = MCM_equal(a, b);
-        if (same || (MAR_is_number(a) && MAR_is_number(b)) || (MMM_category(a) != DOM_IDENT &&
-                                                              MMM_category(a) != DOM_EXPR &&
-                                                              MMM_category(b) != DOM_IDENT &&
-                                                              MMM_category(b) != DOM_EXPR)) {
-            bool equal = same;
-            if (!same && MAR_is_number(a) && MAR_is_number(b)) equal = MAR_compare(a, b) == 0 && is_real(a) && is_real(b);
-            return (equal == eq) ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
-        }
-        return 0;
-    }
-    const bool lt = op == MMM_ident_by_id(MFN_ID_LESS), le = op == MMM_ident_by_id(MFN_ID_LEEQUAL);
-    if ((lt || le) && is_real(a) && is_real(b)) {
-        const int c = MAR_compare(a, b);
-        return (lt ? c < 0 : c <= 0) ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
-    }
-    return 0;
+    return lazy(e, context, MEV_ARGS_FLAT, is_and, false);
 }
 
 // a[i]: lists by position (negative from the end, a range gives a sublist), strings by
@@ -824,11 +795,8 @@ void MEV_exec(Cell stmt) {
 }
 
 int MEV_bool(Cell cond) {
-    Cell v = MEV_eval(cond, MEV_CONTEXT_FREE, 0);
-    int b = truth_of(v);
-    if (!b) b = decide_relation(v);
-    MMM_release(v);
-    return b;
+    MMM_ref v(MEV_eval(cond, MEV_CONTEXT_FREE, 0));
+    return MEV_truth(v.get());
 }
 
 void MEV_stmt_start() {
