@@ -95,7 +95,18 @@ MMM_ref plus(Cell expr, const Refs& ops, int round) {
     if (ops.empty()) return number(0);
     if (ops.size() == 1) return tag(ops[0].get()) == DOM_NULL ? number(0) : borrowed(ops[0].get());
     Folded f = fold_numbers(ops, false);
-    if (f.kept) return expr ? borrowed(expr) : build(MFN_ID_PLUS, ops);
+    if (f.kept) {
+        // A set or a relation plus nothing but zeros is itself.
+        Cell alone = nullptr;
+        long sets = 0;
+        for (const MMM_ref& r : ops) {
+            Cell c = r.get();
+            if (tag(c) == DOM_SET || is_set_expression(c)) alone = c, ++sets;
+            else if (tag(c) != DOM_NULL && !(is_number(c) && is_zero(c))) sets = 2;
+        }
+        if (sets == 1) return borrowed(alone);
+        return expr ? borrowed(expr) : build(MFN_ID_PLUS, ops);
+    }
     if (f.others.empty()) return f.number ? std::move(f.number) : number(0);
     if (tag(f.others[0].get()) == DOM_FAIL) return borrowed(MMM_FAIL);
     Refs terms;
