@@ -698,10 +698,9 @@ Cell builtin_not(Cell e, int, unsigned, Cell) {
 // Three-valued and/or, left to right, stopping as soon as the result is decided. The
 // lazy forms stand in conditions, where an operand's truth value is what counts: they
 // decide relations by MEV_truth; the plain forms take only booleans as truth values.
-Cell lazy(Cell e, int context, unsigned flags, bool is_and, bool decide) {
+Cell lazy(Cell e, unsigned flags, bool is_and, bool decide) {
     Cell out;
     if (opening(e, flags, &out)) return out;
-    (void)context;
     const int stop = is_and ? MMM_BOOL_FALSE : MMM_BOOL_TRUE;
     int result = is_and ? MMM_BOOL_TRUE : MMM_BOOL_FALSE;
     std::vector<MMM_ref> symbolic;
@@ -722,13 +721,13 @@ Cell lazy(Cell e, int context, unsigned flags, bool is_and, bool decide) {
     return r;
 }
 
-Cell builtin_lazy_and(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, true, true); }
-Cell builtin_lazy_or(Cell e, int context, unsigned flags, Cell) { return lazy(e, context, flags, false, true); }
+Cell builtin_lazy_and(Cell e, int, unsigned flags, Cell) { return lazy(e, flags, true, true); }
+Cell builtin_lazy_or(Cell e, int, unsigned flags, Cell) { return lazy(e, flags, false, true); }
 
 // _and and _or have all their operands evaluated by the front.
-Cell builtin_and_or(Cell e, int context, unsigned, Cell) {
+Cell builtin_and_or(Cell e, int, unsigned, Cell) {
     const bool is_and = MMM_child(e, 0) == MMM_ident_by_id(MFN_ID_AND);
-    return lazy(e, context, MEV_ARGS_FLAT, is_and, false);
+    return lazy(e, MEV_ARGS_FLAT, is_and, false);
 }
 
 // a[i]: lists by position (negative from the end, a range gives a sublist), strings by
