@@ -110,9 +110,12 @@ void fill_legality() {
               {1, 4, 5, 6, 7, 8, 10, 15, 16, 17, 18, 22, 24, 25, 26, 27, 28, 29});
         allow(r, callables, {});
     }
-    allow(10, {CAT_BIG_INT, DOM_INT, DOM_RAT, DOM_NULL, DOM_IDENT, DOM_EXPR}, {1, 10, 15, 16, 17, 18, 22, 24, 25, 26, 27});
-    allow(10, callables, {});
-    for (int r : {11, 20, 21, 23}) allow(r, {DOM_EXPR}, {}), allow(r, callables, {});
+    // `div` takes what `mod` takes: integers and rationals, and the symbolic values.
+    for (int r : {10, 11}) {
+        allow(r, {CAT_BIG_INT, DOM_INT, DOM_RAT, DOM_NULL, DOM_IDENT, DOM_EXPR}, {1, 10, 11, 15, 16, 17, 18, 22, 24, 25, 26, 27});
+        allow(r, callables, {});
+    }
+    for (int r : {20, 21, 23}) allow(r, {DOM_EXPR}, {}), allow(r, callables, {});
     for (int r : {12, 13, 14}) {
         allow(r, {DOM_NULL, DOM_IDENT, DOM_SET, DOM_EXPR}, {1, 4, 12, 13, 14, 18, 22, 28, 29});
         allow(r, callables, {});

@@ -8,6 +8,7 @@
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MAR_functions.h"
+#include "MAR_modular.h"
 #include "MCM_equal.h"
 #include "MEV_builtins.h"
 #include "MEV_env.h"
@@ -134,10 +135,10 @@ void run_exit_entry(Cell entry) {
 // a second body) ends the start with a message that names the built-in.
 void install_builtins() {
     for (const MFN_builtin_table& table :
-         {MAR_canonical_builtins, MAR_function_builtins, MCM_builtins, MEV_eval_builtins, MEV_call_builtins,
-          MEV_stmt_builtins, MEV_relation_builtins, MEV_proc_builtins, MEV_operand_builtins, MEV_container_builtins,
-          MEV_env_builtins, MEV_trap_builtins, MEV_slot_builtins, MOU_operator_printers, MOU_statement_printers,
-          MSE_pref_builtins})
+         {MAR_canonical_builtins, MAR_function_builtins, MAR_modular_builtins, MCM_builtins, MEV_eval_builtins,
+          MEV_call_builtins, MEV_stmt_builtins, MEV_relation_builtins, MEV_proc_builtins, MEV_operand_builtins,
+          MEV_container_builtins, MEV_env_builtins, MEV_trap_builtins, MEV_slot_builtins, MOU_operator_printers,
+          MOU_statement_printers, MSE_pref_builtins})
         MFN_install(table);
 }
 
