@@ -1,5 +1,8 @@
 // Statements: sequences, conditions, loops, transfers of control, assignment and
 // deletion, the `$` forms and the boolean connectives.
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,10 +18,12 @@
 #include "MFN_env.h"
 #include "MFN_layout.h"
 #include "MFN_table.h"
+#include "MMM_heap.h"
 #include "MMM_ident.h"
 #include "MMM_ref.h"
 #include "MMM_table.h"
 #include "MMM_values.h"
+#include "MSY_process.h"
 
 namespace {
 
@@ -593,6 +598,29 @@ Cell sequence_over(Cell body, Cell var, const std::vector<Cell>& values) {
     return s;
 }
 
+// Bytes a cell takes in the heap, with its children when it is a number (a node and its
+// block); a shared small integer costs nothing more.
+long cell_bytes(Cell c) {
+    if (c == MAR_ZERO || c == MAR_ONE || c == MAR_TWO || c == MAR_MINUS_ONE) return 0;
+    auto one = [](Cell x) {
+        const long total = MMM_total(x->size, MMM_child_count(x));
+        return total <= MMM_POOL_LIMIT ? long(MMM_class_bytes[MMM_class_of(total)]) : total + MMM_BIG_EXTRA;
+    };
+    long bytes = one(c);
+    if (MAR_is_number(c))
+        for (long i = 0; i < MMM_child_count(c); ++i) bytes += one(MMM_child(c, i));
+    return bytes;
+}
+
+// The most values of `per_value` bytes each (beside its place in the result) that a
+// sequence may have: half of what the heap and the process may still take, since what
+// consumes the sequence (a list made of it, its printing) needs about as much again.
+long sequence_room(long per_value) {
+    const uint64_t room = std::min<uint64_t>(MMM_ceiling_room(), MSY_memory_room()) / 2;
+    const uint64_t each = uint64_t(per_value) + sizeof(Cell);
+    return long(std::min<uint64_t>(room / each, uint64_t(LONG_MAX)));
+}
+
 // The values a..b (or a..b step s) of a range.
 // The values are held in `owned`; the range and step_value are borrowed.
 std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>& owned) {
@@ -602,12 +630,15 @@ std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>
     if (!is_real(lo) || !is_real(hi)) MER_raise(MER_REAL_EXPECTED, nullptr);
     Cell step = step_value ? step_value : MAR_ONE;
     if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
-    // A sequence longer than this is refused before any of it is made.
+    // A sequence longer than this, or than the memory left holds, is refused before any
+    // of it is made. Each value takes its place in the list being built and its owner
+    // (two words) and its cells.
     constexpr long MAX_VALUES = 100000000;
     if (MAR_compare(lo, hi) <= 0) {
         MMM_ref span(MAR_binop(hi, lo, nullptr, MAR_SUBTRACT));
         MMM_ref steps(MAR_binop(span.get(), step, nullptr, MAR_DIVIDE));
-        MMM_ref limit(MMM_make_integer(MAX_VALUES));
+        const long per_value = 2 * long(sizeof(Cell)) + std::max(cell_bytes(lo), cell_bytes(hi));
+        MMM_ref limit(MMM_make_integer(std::min({MAX_VALUES, MMM_MAX_CHILDREN - 1, sequence_room(per_value)})));
         if (MAR_compare(steps.get(), limit.get()) >= 0) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
     }
     for (MMM_ref v(MMM_retained(lo)); MAR_compare(v.get(), hi) <= 0;) {
@@ -621,30 +652,42 @@ std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>
     return out;
 }
 
+// `$ a..b` and `$ a..b step s`: the values themselves. The operands are borrowed and
+// not yet evaluated; `step` may be null.
+Cell range_sequence(Cell range, Cell step) {
+    std::vector<MMM_ref> owned;
+    MMM_ref r(MEV_eval(range, MEV_CONTEXT_ARGUMENT, 0));
+    MMM_ref s(step ? MEV_eval(step, MEV_CONTEXT_ARGUMENT, 0) : nullptr);
+    std::vector<Cell> values = range_values(r.get(), s.get(), owned);
+    if (values.empty()) return MMM_retained(MMM_NULL);
+    Cell result = MMM_make_expr(long(values.size()) + 1);
+    MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
+    for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = MMM_retained(values[i]);
+    MMM_sign(result);
+    return result;
+}
+
 Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
     // The operands are evaluated by the front, except the body, which the raw form takes.
     std::vector<MMM_ref> owned;
-    if (MEV_nargs(e) == 1) {
-        MMM_ref r(MEV_eval(MEV_arg(e, 1), MEV_CONTEXT_ARGUMENT, 0));
-        std::vector<Cell> values = range_values(r.get(), nullptr, owned);
-        if (values.empty()) return MMM_retained(MMM_NULL);
-        Cell result = MMM_make_expr(long(values.size()) + 1);
-        MMM_children(result)[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));
-        for (size_t i = 0; i < values.size(); ++i) MMM_children(result)[i + 1] = MMM_retained(values[i]);
-        MMM_sign(result);
-        return result;
-    }
+    if (MEV_nargs(e) == 1) return range_sequence(MEV_arg(e, 1), nullptr);
+    const bool stepped = MMM_is_call_of(e, MFN_ID_SEQSTEP);
+    if (stepped && MEV_nargs(e) == 2) return range_sequence(MEV_arg(e, 1), MEV_arg(e, 2));
+    // x $ a..b step s repeats x no more than x $ a..b does: the count must be a number.
+    if (stepped && MEV_nargs(e) == 3) MER_raise(MER_INTEGER_EXPECTED, "_seqstep");
     if (MEV_nargs(e) == 2) {
         long count;
         {
             MMM_ref n(MEV_eval(MEV_arg(e, 2), MEV_CONTEXT_ARGUMENT, 0));
             if (MMM_category(n.get()) != DOM_INT) {
                 const bool big = MMM_category(n.get()) == CAT_BIG_INT;
-                MER_raise(big ? MER_INTEGER_TOO_LARGE : MER_INTEGER_EXPECTED, "_seqgen");
+                MER_raise(big ? MER_INTEGER_TOO_LARGE : MER_INTEGER_EXPECTED, name_of(e).c_str());
             }
             count = MAR_small_int(n.get());
         }
         if (count <= 0) return MMM_retained(MMM_NULL);
+        // The values are x's, evaluated anew: the result's children are counted.
+        if (count > std::min(MMM_MAX_CHILDREN - 1, sequence_room(0))) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
         MMM_ref result(MMM_make_expr(count + 1));
         Cell* c = MMM_children(result.get());
         c[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));

@@ -507,7 +507,7 @@ Cell MMM_new(unsigned kind, long data_bytes, long child_count) {
         heap.poll_countdown = 255;
         if (heap.poll) heap.poll();
     }
-    if (child_count < 0 || data_bytes < 0 || child_count > (INT32_MAX - MMM_HEADER_BYTES) / long(sizeof(Cell)) ||
+    if (child_count < 0 || data_bytes < 0 || child_count > MMM_MAX_CHILDREN ||
         data_bytes >= INT32_MAX - MMM_HEADER_BYTES - long(sizeof(Cell)) * child_count) {
         heap.memory_handler();
         return nullptr;
@@ -644,6 +644,11 @@ bool MMM_has_identity(unsigned kind) { return kind < MMM_KIND_COUNT && sign_tabl
 // ---- counters ----
 
 uint64_t MMM_used_bytes() { return heap.pool_bytes + heap.big_bytes; }
+uint64_t MMM_ceiling_room() {
+    if (heap.ceiling == UINT64_MAX) return UINT64_MAX;
+    const uint64_t used = MMM_used_bytes();
+    return heap.ceiling > used ? heap.ceiling - used : 0;
+}
 uint64_t MMM_reserved_bytes() { return heap.reserved_bytes; }
 uint64_t MMM_live_cells() { return heap.live_cells; }
 uint64_t MMM_allocations() { return heap.allocations; }

@@ -10,6 +10,8 @@ constexpr long MMM_POOL_LIMIT = 4096;
 constexpr long MMM_PAGE_BYTES = 65536;
 constexpr long MMM_HEADER_BYTES = sizeof(MMMTheader);
 constexpr long MMM_BIG_EXTRA = 2 * sizeof(void*);  // list links ahead of a big cell
+// A cell's size is a 32-bit count of bytes: this many children at most.
+constexpr long MMM_MAX_CHILDREN = (INT32_MAX - MMM_HEADER_BYTES) / long(sizeof(Cell));
 extern const uint32_t MMM_class_bytes[MMM_CLASS_COUNT];
 
 // Total bytes of a cell with the given data size and child count.
@@ -54,6 +56,8 @@ bool MMM_has_identity(unsigned kind);
 
 // Counters.
 uint64_t MMM_used_bytes();
+// Bytes the cells may still take below the ceiling; UINT64_MAX without a ceiling.
+uint64_t MMM_ceiling_room();
 uint64_t MMM_reserved_bytes();
 uint64_t MMM_live_cells();
 uint64_t MMM_allocations();  // cells handed out since the start, for measurements

@@ -3,6 +3,7 @@
 // acts on them. The exception is a machine fault, which cannot be resumed: it ends the
 // process with a message.
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -245,4 +246,26 @@ void MSY_time_limit_cancel() {
 bool MSY_time_limit_expired() {
     if (!time_limit_deadline || (time_limit_made && !time_limit_flag)) return false;
     return MSY_monotonic_ms() >= time_limit_deadline;
+}
+
+// ---- memory ----
+
+size_t MSY_memory_room() {
+    size_t room = SIZE_MAX;
+    const long page = sysconf(_SC_PAGESIZE);
+    const long free_pages = sysconf(_SC_AVPHYS_PAGES);
+    if (page > 0 && free_pages > 0) room = size_t(free_pages) * size_t(page);
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+        // The mapped size is the first field of /proc/self/statm, in pages.
+        size_t mapped = 0;
+        if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+            unsigned long pages = 0;
+            if (std::fscanf(f, "%lu", &pages) == 1 && page > 0) mapped = size_t(pages) * size_t(page);
+            std::fclose(f);
+        }
+        const size_t left = limit.rlim_cur > mapped ? size_t(limit.rlim_cur - mapped) : 0;
+        if (left < room) room = left;
+    }
+    return room;
 }

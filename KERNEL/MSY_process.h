@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -74,3 +75,9 @@ long MSY_cpu_ms();
 void MSY_time_limit_set(long deadline_ms);
 void MSY_time_limit_cancel();
 bool MSY_time_limit_expired();
+
+// ---- memory ----
+// Bytes the process may still take: the machine's free physical memory, and no more
+// than the address-space limit (RLIMIT_AS) leaves beside what is mapped now. SIZE_MAX
+// when neither is known.
+size_t MSY_memory_room();
