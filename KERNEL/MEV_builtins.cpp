@@ -112,6 +112,7 @@ std::span<const Cell> operands(Cell e) { return {MMM_children(e) + 1, size_t(MEV
 Cell builtin_print(Cell e, int, unsigned, Cell) { return MOU_print_values(operands(e)); }
 
 Cell builtin_expr2text(Cell e, int, unsigned, Cell) { return MMM_make_string(MOU_expr2text(operands(e))); }
+Cell builtin_strprint(Cell e, int, unsigned, Cell) { return MMM_make_string(MOU_strprint(operands(e))); }
 
 }  // namespace
 
@@ -147,6 +148,7 @@ constexpr MFN_front domain_front{.overload_flags = 8};
 const MFN_builtin builtins[] = {
     {.name = "print", .routine = builtin_print},
     {.name = "expr2text", .routine = builtin_expr2text},
+    {.name = "strprint", .routine = builtin_strprint},
     {.name = "funcenv", .routine = builtin_funcenv, .front = &funcenv_front},
     {.name = "builtin", .routine = builtin_builtin, .front = &builtin_front},
     {.name = "_op_plusmult", .routine = builtin_op_plusmult},

@@ -11,6 +11,7 @@
 #include "MMM_ident.h"
 #include "MMM_ref.h"
 #include "MMM_values.h"
+#include "MOU_print.h"
 #include "MSY_process.h"
 
 namespace {
@@ -165,4 +166,56 @@ const MFN_builtin builtins[] = {
 
 const MFN_builtin_table MEV_trap_builtins = builtins;
 
-void MEV_trap_start() { active_deadline = 0; }
+namespace {
+
+// fn(arg) for the printer; arg is taken as it is.
+Cell printer_call(Cell fn, Cell arg) {
+    Cell call = MMM_make_expr(2);
+    MMM_children(call)[0] = MMM_retained(fn);
+    MMM_children(call)[1] = MMM_retained(arg);
+    MMM_sign(call);
+    MMM_ref owned(call);
+    return MEV_eval(call, MEV_CONTEXT_ARGUMENT, MEV_ARGS_FLAT);
+}
+
+// The same under a catch: the error has been reported when it was raised; here the
+// settings and the evaluator's depth and frame come back, and the answer is nullptr.
+// Stops asked by the user or the watchdog, and running out of memory, pass on.
+Cell printer_try_call(Cell fn, Cell arg) {
+    const int32_t call_depth = MEV_call_depth, depth = MEV_depth;
+    MMM_ref frame(MMM_retained(MEV_frame));
+    MER_snapshot_record snapshot;
+    MER_snapshot(snapshot);
+    Cell result = nullptr;
+    try {
+        result = printer_call(fn, arg);
+    } catch (const MER_exception& x) {
+        const bool stop = x.code == MER_ABORTED || x.code == MER_TIME_EXCEEDED || x.code == MER_WATCHDOG_RESET ||
+                          x.code == MER_OUT_OF_MEMORY;
+        if (stop) {
+            MER_free_snapshot(snapshot);
+            throw;
+        }
+        MER_restore(snapshot);
+        MER_pending = 0;
+        MEV_call_depth = call_depth;
+        MEV_depth = depth;
+        if (MEV_frame != frame.get()) {
+            MMM_release(MEV_frame);
+            MEV_frame = frame.take();
+        }
+    } catch (...) {
+        MER_free_snapshot(snapshot);
+        throw;
+    }
+    MER_free_snapshot(snapshot);
+    return result;
+}
+
+}  // namespace
+
+void MEV_trap_start() {
+    active_deadline = 0;
+    MOU_hooks.call = printer_call;
+    MOU_hooks.try_call = printer_try_call;
+}

@@ -98,6 +98,45 @@ Cell sequence_of(std::span<const Cell> values) {
     return e;
 }
 
+// The text of a value as the printer makes it, without the line breaking.
+std::string printed_text(Cell value) {
+    std::string text;
+    MOU_state_saver saved;
+    const int32_t depth = MOU_depth;
+    MOU_sink = &text;
+    MOU_depth = 0;
+    Cell v = value;
+    try {
+        MOU_print(&v, 0, nullptr);
+    } catch (...) {
+        MOU_depth = depth;
+        throw;
+    }
+    MOU_depth = depth;
+    return text;
+}
+
+// The leading options of print and strprint set the printer's switches (the caller
+// saves them); gives the index of the first value and clears `newline` for NoNL.
+size_t read_print_options(std::span<const Cell> args, bool& newline) {
+    size_t first = 0;
+    for (; first < args.size(); ++first) {
+        Cell a = args[first];
+        if (is_option(a, "Unquoted")) {
+            MOU_unquoted = true;
+        } else if (is_option(a, "KeepOrder")) {
+            MOU_keep_order = 2;
+        } else if (is_option(a, "NoNL")) {
+            MOU_unquoted = true;
+            MOU_pretty = false;
+            newline = false;
+        } else if (!is_option(a, "Typeset")) {  // typesetting needs a client that takes it
+            break;
+        }
+    }
+    return first;
+}
+
 }  // namespace
 
 void MOU_set_textwidth(long width) {
@@ -153,18 +192,8 @@ void MOU_emit(Cell value, MOU_channel channel, bool newline, bool) {
     std::string text;
     {
         MOU_state_saver saved;
-        const int32_t depth = MOU_depth;
         if (format == MOU_LAN) MOU_pretty = false;
-        MOU_sink = &text;
-        MOU_depth = 0;
-        Cell v = value;
-        try {
-            MOU_print(&v, 0, nullptr);
-        } catch (...) {
-            MOU_depth = depth;
-            throw;
-        }
-        MOU_depth = depth;
+        text = printed_text(value);
     }
     if (newline) text.push_back('\n');
     write_out(MOU_break_lines(text, MOU_textwidth));
@@ -183,21 +212,7 @@ void MOU_printf(MOU_channel channel, const char* format, ...) {
 Cell MOU_print_values(std::span<const Cell> args) {
     MOU_state_saver saved;
     bool newline = true;
-    size_t first = 0;
-    for (; first < args.size(); ++first) {
-        Cell a = args[first];
-        if (is_option(a, "Unquoted")) {
-            MOU_unquoted = true;
-        } else if (is_option(a, "KeepOrder")) {
-            MOU_keep_order = 2;
-        } else if (is_option(a, "NoNL")) {
-            MOU_unquoted = true;
-            MOU_pretty = false;
-            newline = false;
-        } else if (!is_option(a, "Typeset")) {  // typesetting needs a client that takes it
-            break;
-        }
-    }
+    const size_t first = read_print_options(args, newline);
     Cell value = sequence_of(args.subspan(first));
     if (value) {
         MOU_emit(value, MOU_PRT, newline, false);
@@ -207,6 +222,16 @@ Cell MOU_print_values(std::span<const Cell> args) {
     }
     MMM_retain(MMM_NULL);
     return MMM_NULL;
+}
+
+std::string MOU_strprint(std::span<const Cell> args) {
+    MOU_state_saver saved;
+    bool newline = true;
+    const size_t first = read_print_options(args, newline);
+    MMM_ref value(sequence_of(args.subspan(first)));
+    std::string text = value ? printed_text(value.get()) : std::string();
+    if (newline) text.push_back('\n');
+    return MOU_break_lines(text, MOU_textwidth);
 }
 
 std::string MOU_expr2text(std::span<const Cell> args) {

@@ -95,16 +95,21 @@ Cell reciprocal(Cell x) {
     return rebuild(x, {MOU_operand(x, 1), exponent.get()});
 }
 
+// The print round in which the library's _sortsum failed: it is not asked again in the
+// same output, so that its error is reported once.
+long sortsum_failed_round = -1;
+
 // The operands of a sum in printing order: the library's order if it gives one, else
 // with the first term that is not negative moved to the front.
 Cell ordered_sum(Cell e) {
-    if (MOU_hooks.call) {
+    if (MOU_hooks.try_call && sortsum_failed_round != MOU_print_round) {
         if (Cell ident = MMM_ident_exists(MMM_intern("_sortsum"))) {
             MMM_ref sorter(MMM_value(ident));
             if (sorter.get()) {
-                Cell r = MOU_hooks.call(sorter.get(), e);
+                Cell r = MOU_hooks.try_call(sorter.get(), e);
+                if (!r) sortsum_failed_round = MOU_print_round;
                 if (MMM_is_call_of(r, MFN_ID_PLUS) && MOU_nops(r) >= 2) return r;
-                MMM_release(r);
+                if (r) MMM_release(r);
             }
         }
     }
@@ -176,6 +181,22 @@ void print_product(Cell e, int p, Cell sep, const std::string& text, int context
         }
     }
     MOU_close_paren(parens);
+}
+
+// Whether text can continue a number written before a `.`: "1" and ".2" read as 1.2,
+// "1" and ".e2" as 1.0e2.
+bool continues_number(const std::string& text) {
+    return !text.empty() && ((text[0] >= '0' && text[0] <= '9') || text[0] == 'e');
+}
+
+// The operands of `.`. A number behind a `.` stands bare ("a.5"); one before it too,
+// unless the next operand's text would run into it.
+void print_concat_operands(Cell e, int p, Cell dot) {
+    for (long i = 1; i <= MOU_nops(e); ++i) {
+        Cell x = MOU_operand(e, i);
+        const bool bare = i == MOU_nops(e) || !MOU_is_number(x) || !continues_number(MOU_to_text(MOU_operand(e, i + 1)));
+        MOU_print_child(x, bare ? p | MOU_MARK_DOT : p, i > 1 ? dot : nullptr);
+    }
 }
 
 }  // namespace
@@ -268,7 +289,8 @@ void MOU_print_operator(Cell* ref, int context, Cell sep) {
     const bool parens = p.priority <= MOU_masked(context);
     MOU_open_paren(parens);
     Cell text = p.id == MFN_ID_STMTSEQ ? MOU_statement_separator : MOU_separator(p.text);
-    MOU_print_operands(e, 1, p.priority, nullptr, text);
+    if (p.id == MFN_ID_CONCAT && !MOU_source_form) print_concat_operands(e, p.priority, text);
+    else MOU_print_operands(e, 1, p.priority, nullptr, text);
     MOU_close_paren(parens);
 }
 
@@ -292,7 +314,7 @@ void print_negate(Cell* ref, int context, Cell sep) {
     if (MOU_nops(e) != 1) return MOU_print_call(ref, context, sep);
     MOU_write_separator(sep);
     const int c = MOU_masked(context);
-    const bool parens = c > 1000;
+    const bool parens = c >= 1000;
     MOU_open_paren(parens);
     MOU_put_char('-');
     if (c == 1000) MOU_put_char(' ');

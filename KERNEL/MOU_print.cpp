@@ -34,6 +34,7 @@ int32_t MOU_indent = 0;
 int MOU_keep_order = 1;
 Cell MOU_alias_table = nullptr;
 MOU_hooks_record MOU_hooks;
+long MOU_print_round = 0;
 
 std::string* MOU_sink = nullptr;
 int MOU_capture_depth = 0;
@@ -210,8 +211,9 @@ void write_string(std::string_view s) {
 
 // Whether a number's text must stand in parentheses here. `after` is true when an
 // operator's text comes before it (a right operand).
-bool number_parens(Cell n, const std::string& text, int context, bool after) {
+bool number_parens(Cell n, const std::string& text, int marked_context, bool after) {
     if (MAR_special(n)) return false;
+    const int context = MOU_masked(marked_context);
     const bool negative = !text.empty() && text[0] == '-';
     const bool sum = text.find(" + ") != std::string::npos || text.find(" - ") != std::string::npos;
     const bool quotient = text.find_first_of("/*") != std::string::npos;
@@ -220,8 +222,9 @@ bool number_parens(Cell n, const std::string& text, int context, bool after) {
     if ((category == DOM_RAT || category == DOM_COMPLEX) && context >= 1200) return true;
     // "x*1/2" would read as (x*1)/2, and "a/1/2" as (a/1)/2.
     if (quotient && after && context >= 1100) return true;
-    // "1.2" as a concatenation, "2(x)" as a call: keep the number apart.
-    if (context >= 1700 && context < 1800) return true;
+    // "1.2" as a concatenation, "2(x)" as a call: keep the number apart, unless it is an
+    // operand of `.` that cannot run into a number ("1.E2", "a.5").
+    if (context >= 1700 && context < 1800) return !(marked_context & MOU_MARK_DOT);
     return false;
 }
 
@@ -470,6 +473,7 @@ bool MOU_plain_name(std::string_view name) {
 // ---- the walker ----
 
 void MOU_print(Cell* ref, int context, Cell separator) {
+    if (MOU_depth == 0) ++MOU_print_round;
     if (++MOU_depth > MOU_max_depth || MSY_stack_nearly_full()) {
         MOU_depth = 0;
         MER_raise(MER_OUTPUT_RECURSION, nullptr);

@@ -44,8 +44,10 @@ extern long MOU_textwidth;
 // Sets TEXTWIDTH; a width below MOU_MIN_TEXTWIDTH is error 1012 with "TEXTWIDTH".
 void MOU_set_textwidth(long width);
 
-// Priority marks and the atom priority.
-constexpr int MOU_MARK_MASK = 0x60000000;
+// Priority marks and the atom priority. MOU_MARK_DOT marks an operand of `.` that may
+// stand there as a bare number: what follows it cannot make one number of the two.
+constexpr int MOU_MARK_DOT = 0x10000000;
+constexpr int MOU_MARK_MASK = 0x60000000 | MOU_MARK_DOT;
 constexpr int MOU_ATOM = 1000000;  // never parenthesised; taken as 0 when passed as a context
 
 // ---- the walker ----
@@ -100,6 +102,9 @@ struct MOU_hooks_record {
     Cell (*type_slot)(Cell value, const char* name) = nullptr;
     // Calls `fn` with the one argument `arg`, which is not evaluated again; new reference.
     Cell (*call)(Cell fn, Cell arg) = nullptr;
+    // As `call`, for a library hook whose failure the printer survives: an error is
+    // reported as usual, the evaluator's state put back, and the answer is nullptr.
+    Cell (*try_call)(Cell fn, Cell arg) = nullptr;
     // Evaluates a tree (a head that is not an identifier); new reference.
     Cell (*eval)(Cell tree) = nullptr;
     // The identifier of local `index` at `depth` of the running procedures, borrowed, or
@@ -107,6 +112,9 @@ struct MOU_hooks_record {
     Cell (*var_name)(int depth, int index) = nullptr;
 };
 extern MOU_hooks_record MOU_hooks;
+// Counts the outermost prints (MOU_print entered at depth 0), so that a failing hook can
+// be left out for the rest of one output.
+extern long MOU_print_round;
 
 // ---- output channels ----
 enum MOU_channel : int {
@@ -161,6 +169,9 @@ Cell MOU_print_values(std::span<const Cell> args);
 // expr2text(a, b, ...): the flat text of the value (a sequence for several, "" for none),
 // with quotes, asking the method expr2text first.
 std::string MOU_expr2text(std::span<const Cell> args);
+// strprint(options..., a, b, ...): the text print would write, its final newline and
+// the line breaking for TEXTWIDTH included.
+std::string MOU_strprint(std::span<const Cell> args);
 
 // The result printer of the session: emits a value on _res, except NULL.
 void MOU_print_result(Cell value);

@@ -119,7 +119,7 @@ void print_procedure(const ProcFields& f, int context) {
     const bool hidden = (f.options & OPT_NO_EXPOSE) && !MOU_source_form;
     bool plain_params = true;
     for (Cell p : params) plain_params = plain_params && MOU_is_cat(p, DOM_IDENT);
-    const bool arrow = (f.options & OPT_ARROW) && plain_params && !MOU_given(f.locals) && !MOU_given(f.name) &&
+    const bool arrow = (f.options & OPT_ARROW) && plain_params && !MOU_given(f.locals) &&
                        !MOU_given(f.param_types) && !MOU_given(f.return_type) && !MOU_given(f.local_types) &&
                        !MOU_given(f.defaults) && !MOU_given(f.saves) &&
                        !(f.options & ~(OPT_ARROW | OPT_NO_EXPOSE | OPT_NO_DEBUG));

@@ -153,11 +153,12 @@ TEST(Print, NegativeTermsAndFactorsShowTheirSign) {
     EXPECT_EQ(print_text("y*x^(-2)"), "y/x^2");
     EXPECT_EQ(print_text("y*(a+b)^(-1)"), "y/(a + b)");
     EXPECT_EQ(print_text("(x^(-1))^2"), "(1/x)^2");
-    EXPECT_EQ(print_text("a - -b"), "a - - b");
+    EXPECT_EQ(print_text("a - -b"), "a - (- b)");
+    EXPECT_EQ(print_text("-(-a)"), "-(- a)");
     // The source form shows the tree as it stands.
     EXPECT_EQ(source_text("a + b*(-1)"), "a + b*(-1)");
     EXPECT_EQ(source_text("(-2) + a"), "(-2) + a");
-    EXPECT_EQ(source_text("-a + b"), "- a + b");
+    EXPECT_EQ(source_text("-a + b"), "(- a) + b");
     EXPECT_EQ(source_text("x*2"), "x*2");
     EXPECT_EQ(source_text("x^(-1)"), "x^(-1)");
     // Sums keep their order when asked to.
