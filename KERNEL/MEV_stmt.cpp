@@ -612,6 +612,10 @@ long cell_bytes(Cell c) {
     return bytes;
 }
 
+// The most values a sequence may have, whatever the memory: 10^8 values take gigabytes
+// and minutes to make and print.
+constexpr long MAX_VALUES = 100000000;
+
 // The most values of `per_value` bytes each (beside its place in the result) that a
 // sequence may have: half of what the heap and the process may still take, since what
 // consumes the sequence (a list made of it, its printing) needs about as much again.
@@ -630,15 +634,15 @@ std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>
     if (!is_real(lo) || !is_real(hi)) MER_raise(MER_REAL_EXPECTED, nullptr);
     Cell step = step_value ? step_value : MAR_ONE;
     if (!is_real(step) || MAR_compare(step, MAR_ZERO) <= 0) MER_raise(MER_POSITIVE_EXPECTED, nullptr);
-    // A sequence longer than this, or than the memory left holds, is refused before any
-    // of it is made. Each value takes its place in the list being built and its owner
-    // (two words) and its cells.
-    constexpr long MAX_VALUES = 100000000;
+    // A sequence of MAX_VALUES values or more, or longer than the memory left holds, is
+    // refused before any of it is made. Each value takes its place in the list being
+    // built and its owner (two words) and its cells.
     if (MAR_compare(lo, hi) <= 0) {
         MMM_ref span(MAR_binop(hi, lo, nullptr, MAR_SUBTRACT));
         MMM_ref steps(MAR_binop(span.get(), step, nullptr, MAR_DIVIDE));
         const long per_value = 2 * long(sizeof(Cell)) + std::max(cell_bytes(lo), cell_bytes(hi));
-        MMM_ref limit(MMM_make_integer(std::min({MAX_VALUES, MMM_MAX_CHILDREN - 1, sequence_room(per_value)})));
+        // `steps` is the count less one.
+        MMM_ref limit(MMM_make_integer(std::min({MAX_VALUES - 1, MMM_MAX_CHILDREN - 1, sequence_room(per_value)})));
         if (MAR_compare(steps.get(), limit.get()) >= 0) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
     }
     for (MMM_ref v(MMM_retained(lo)); MAR_compare(v.get(), hi) <= 0;) {
@@ -647,7 +651,7 @@ std::vector<Cell> range_values(Cell range, Cell step_value, std::vector<MMM_ref>
         out.push_back(c);
         v.reset(MAR_binop(c, step, nullptr, MAR_ADD));
         if (MAR_compare(v.get(), hi) > 0) break;
-        if (out.size() > size_t(MAX_VALUES)) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
+        if (out.size() >= size_t(MAX_VALUES)) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
     }
     return out;
 }
@@ -687,7 +691,8 @@ Cell builtin_seqgen(Cell e, int, unsigned, Cell) {
         }
         if (count <= 0) return MMM_retained(MMM_NULL);
         // The values are x's, evaluated anew: the result's children are counted.
-        if (count > std::min(MMM_MAX_CHILDREN - 1, sequence_room(0))) MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
+        if (count >= MAX_VALUES || count > std::min(MMM_MAX_CHILDREN - 1, sequence_room(0)))
+            MER_raise(MER_OUT_OF_MEMORY, "_seqgen");
         MMM_ref result(MMM_make_expr(count + 1));
         Cell* c = MMM_children(result.get());
         c[0] = MMM_retained(MMM_ident_by_id(MFN_ID_EXPRSEQ));

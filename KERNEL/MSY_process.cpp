@@ -253,7 +253,21 @@ bool MSY_time_limit_expired() {
 size_t MSY_memory_room() {
     size_t room = SIZE_MAX;
     const long page = sysconf(_SC_PAGESIZE);
-    const long free_pages = sysconf(_SC_AVPHYS_PAGES);
+    // What the system can give without swapping, page cache it would drop included
+    // (MemAvailable); the free pages alone where the system does not say.
+    bool known = false;
+    if (FILE* f = std::fopen("/proc/meminfo", "r")) {
+        char line[128];
+        unsigned long kb = 0;
+        while (std::fgets(line, sizeof line, f))
+            if (std::sscanf(line, "MemAvailable: %lu kB", &kb) == 1) {
+                room = size_t(kb) * 1024;
+                known = true;
+                break;
+            }
+        std::fclose(f);
+    }
+    const long free_pages = known ? 0 : sysconf(_SC_AVPHYS_PAGES);
     if (page > 0 && free_pages > 0) room = size_t(free_pages) * size_t(page);
     rlimit limit{};
     if (getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
