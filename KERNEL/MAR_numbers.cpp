@@ -717,12 +717,19 @@ int compare_with_real(GEN x, GEN y) {
 
 }  // namespace
 
-int MAR_compare(Cell a, Cell b) {
+namespace {
+
+// The order of two real numbers; with `refuse_nan`, RD_NAN is an error instead of the
+// lowest value (the comparison operators).
+int compare_numbers(Cell a, Cell b, bool refuse_nan) {
     MAR_count_poll();
     check_number(a);
     check_number(b);
     if (MMM_category(a) == DOM_COMPLEX || MMM_category(b) == DOM_COMPLEX) MAR_pari_error(282);
-    if (MAR_special(a) || MAR_special(b)) {
+    const int special_a = MAR_special(a), special_b = MAR_special(b);
+    if (special_a || special_b) {
+        if (refuse_nan && (special_a == MAR_SIGN_NAN || special_b == MAR_SIGN_NAN))
+            MER_raise(MER_ILLEGAL_ARGUMENT, "comparison operator");
         const int x = sign_field(a), y = sign_field(b);
         return x < y ? -1 : x > y ? 1 : 0;
     }
@@ -743,11 +750,11 @@ int MAR_compare(Cell a, Cell b) {
     return r < 0 ? -1 : r > 0 ? 1 : 0;
 }
 
-int MAR_order(Cell a, Cell b) {
-    if (MAR_special(a) == MAR_SIGN_NAN || MAR_special(b) == MAR_SIGN_NAN)
-        MER_raise(MER_ILLEGAL_ARGUMENT, "comparison operator");
-    return MAR_compare(a, b);
-}
+}  // namespace
+
+int MAR_compare(Cell a, Cell b) { return compare_numbers(a, b, false); }
+
+int MAR_order(Cell a, Cell b) { return compare_numbers(a, b, true); }
 
 // ---- the companions ----
 

@@ -327,11 +327,12 @@ Cell call_name(Cell exec, const MFN_record* record) {
 }
 
 Cell call_builtin(Cell expr, int context, unsigned flags, Cell exec) {
-    const MFN_record* record = callable_record(exec);
     Cell code = MMM_child(exec, MFN_EXEC_CODE);
+    const bool kernel = MMM_node_flags(exec) & MFN_EXEC_KERNEL;
+    const MFN_record* record = kernel ? MFN_record_of_code(code) : callable_record(exec);
     const MFN_routine routine = MMM_code_routine(code);
     // Each built-in finds its own name as the operator of its expression.
-    Cell name = call_name(exec, record);
+    Cell name = kernel ? MMM_child(MMM_child(exec, MFN_EXEC_TEXT), 0) : call_name(exec, record);
     MMM_ref e(is_ident(MMM_child(expr, 0)) && MMM_child(MMM_child(expr, 0), 0) == name
                   ? MMM_retained(expr)
                   : with_operator(expr, MMM_ident(name)));

@@ -56,6 +56,7 @@ Cell make_env(const MFN_record* r) {
     const MFN_record* owner = entry ? entry->record : r;
     Cell routine = MTR_record_code_cell(r->code, MTR_EVALUATOR, &owner->routine, owner);
     Cell evaluator = make_exec(MMM_retained(routine), MMM_retained(numeric), MMM_retained(name), MMM_retained(MMM_NIL));
+    MMM_set_node_flags(evaluator, MFN_EXEC_KERNEL);
     const int print_code = MFN_print_code(r);
     Cell print_cell = r->kind == MFN_SPECIAL ? MTR_record_code_cell(print_code, MTR_PRINTER, &no_routine, r)
                                              : MTR_code_cell(nullptr, print_code);

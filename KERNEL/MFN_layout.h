@@ -21,6 +21,11 @@ enum MFN_exec_field : int {
     MFN_EXEC_COUNT = 4,
 };
 
+// Node flag of an evaluator DOM_EXEC the function table made: its shape, record and name
+// are known good, so a call need not check them again (not part of equality or the
+// signature, which leave the flags' low bits out).
+constexpr uint16_t MFN_EXEC_KERNEL = 1;
+
 // Children of a DOM_FUNC_ENV.
 enum MFN_env_field : int {
     MFN_ENV_EVALUATOR = 0,
