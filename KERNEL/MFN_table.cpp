@@ -489,9 +489,21 @@ std::string check_entry(const MFN_builtin& b, const MFN_builtin_table& table, si
     if (!b.name) return "an entry without a name";
     MFN_record* r = const_cast<MFN_record*>(MFN_record_by_name(b.name));
     if (!r) return std::string("unknown built-in `") + b.name + "`";
-    for (size_t j = 0; j < index; ++j)
-        if (table[j].name && std::strcmp(table[j].name, b.name) == 0)
+    for (size_t j = 0; j < index; ++j) {
+        const MFN_builtin& o = table[j];
+        if (o.name && std::strcmp(o.name, b.name) == 0)
             return std::string("`") + b.name + "` is named twice in one table";
+        // An earlier entry of the same table that gives another routine for a code this
+        // record shares is not in the records yet: compare with it directly.
+        const MFN_record* q = o.name ? MFN_record_by_name(o.name) : nullptr;
+        if (!q) continue;
+        if (b.routine && o.routine && o.routine != b.routine && q->code == r->code)
+            return std::string("a second routine for `") + b.name + "`: code " + std::to_string(r->code) +
+                   " has another one in `" + o.name + "`";
+        if (b.numeric && o.numeric && o.numeric != b.numeric && r->kind == MFN_MATH && q->kind == MFN_MATH &&
+            static_cast<const MFN_math_record*>(q)->numeric_code == static_cast<const MFN_math_record*>(r)->numeric_code)
+            return std::string("a second numeric routine for `") + b.name + "`";
+    }
     const auto twice = [&](const char* what) { return std::string("a second ") + what + " for `" + b.name + "`"; };
     if (b.routine) {
         if (r->given & GIVEN_ROUTINE) return twice("routine");

@@ -53,6 +53,9 @@ TEST(Registry, FaultsAreRefusedWholeAndNamed) {
         {{{.name = "_plus", .printer = no_printer}}, "`_plus` is no special form: it has no printer"},
         {{{.name = "_if", .printer = no_printer}}, "a second printer for `_if`"},
         {{{.name = "genident"}}, "`genident` is given nothing"},
+        // cos and sin share code 1001: one table cannot give them two routines.
+        {{{.name = "cos", .routine = answer_42}, {.name = "sin", .routine = other_body}},
+         "a second routine for `sin`: code 1001 has another one in `cos`"},
         // The sound first entry is not installed either: a table goes in whole or not at all.
         {{{.name = "genident", .routine = answer_42}, {.name = "no_such_builtin", .routine = answer_42}},
          "unknown built-in `no_such_builtin`"},
@@ -60,6 +63,7 @@ TEST(Registry, FaultsAreRefusedWholeAndNamed) {
     for (const Case& c : cases) {
         EXPECT_EQ(MFN_try_install(c.table), c.fault);
         EXPECT_EQ(MFN_record_by_name("genident")->routine, nullptr) << c.fault;
+        EXPECT_EQ(MFN_record_by_name("cos")->routine, nullptr) << c.fault;
     }
     EXPECT_EQ(shown("x + x"), "2*x");  // _plus kept its body
 }
