@@ -17,7 +17,6 @@ namespace {
 Cell names = nullptr;       // MMM_ID_TABLE: id to interned name
 Cell envs = nullptr;        // MMM_ID_TABLE: id to the environment made at start
 Cell kept_names = nullptr;  // MMM_VECTOR: PolyExpr, RatExpr, All, stdlib, Global and identifiers
-bool rooted = false;
 
 // Printer code cells are never called; their slot names no routine.
 const MFN_routine no_routine = nullptr;
@@ -90,10 +89,7 @@ Cell MFN_name(int id) { return id > 0 && id < MFN_ID_COUNT && names ? MMM_child(
 Cell MFN_call_text(int id) { return MMM_string_value(MFN_env_name(id)); }
 
 void MFN_names_start() {
-    if (!rooted) {
-        for (Cell* root : {&names, &envs, &kept_names}) MMM_add_root(root);
-        rooted = true;
-    }
+    for (Cell* root : {&names, &envs, &kept_names}) MMM_add_root(root);
     MMM_ident_set_ids(MFN_ID_COUNT, MFN_env_name, MFN_ID_SEQSTEP + 1);
     MMM_table_set_sequence_operator(MMM_ident_by_id(MFN_ID_EXPRSEQ));
 }

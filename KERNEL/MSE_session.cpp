@@ -134,6 +134,10 @@ void run_exit_entry(Cell entry) {
 // Every table of built-ins, installed in one place. A fault in a table (an unknown name,
 // a second body) ends the start with a message that names the built-in.
 void install_builtins() {
+    // The bodies live in the static records: once per process, whatever the sessions.
+    static bool installed = false;
+    if (installed) return;
+    installed = true;
     for (const MFN_builtin_table& table :
          {MAR_canonical_builtins, MAR_function_builtins, MAR_modular_builtins, MCM_builtins, MEV_eval_builtins,
           MEV_call_builtins, MEV_stmt_builtins, MEV_relation_builtins, MEV_proc_builtins, MEV_operand_builtins,
@@ -162,6 +166,7 @@ void start_modules() {
     MMM_values_start();
     MMM_table_start();
     MCM_start();
+    MTR_start();
     MMM_ident_start();
     MFN_names_start();
     MAR_start(MSE_session.stack_size, MSE_session.prime_limit);

@@ -9,15 +9,10 @@ namespace {
 
 Cell code_table = nullptr;  // MMM_VECTOR of the code cells made so far
 long code_count = 0;
-bool rooted = false;
 // Where the routines of no record live; a deque keeps their addresses fixed.
 std::deque<MMM_routine> free_slots;
 
 Cell make_cell(int number, MTR_role role, MMM_routine const* slot, const void* owner) {
-    if (!rooted) {
-        MMM_add_root(&code_table);
-        rooted = true;
-    }
     if (!code_table) {
         code_table = MMM_new_cleared(MMM_VECTOR, 0, 10);
         MMM_sign(code_table);
@@ -61,8 +56,10 @@ Cell MTR_find_number_for_code(Cell code_cell) {
     MSY_fatal("Internal error. [MTR_find_number_for_code]");
 }
 
-void MTR_reset() {
+void MTR_start() {
+    // The cells of a former heap, if any, are gone with it.
     code_table = nullptr;
     code_count = 0;
     free_slots.clear();
+    MMM_add_root(&code_table);
 }

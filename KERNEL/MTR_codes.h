@@ -39,5 +39,6 @@ Cell MTR_record_code_cell(int number, MTR_role role, MMM_routine const* slot, co
 Cell MTR_find_number_for_code(Cell code_cell);
 // The code cell of a number, or null (borrowed).
 Cell MTR_find_code_for_number(int number);
-// Forgets every cell (a new heap is about to start).
-void MTR_reset();
+// Starts an empty table in a new heap (the cells of a former one are forgotten) and
+// registers it as a root; before any code cell is made.
+void MTR_start();
