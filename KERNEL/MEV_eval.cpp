@@ -649,6 +649,10 @@ bool MEV_builtin_front(Cell* expr, int context, unsigned flags, Cell exec, const
 }
 
 void MEV_start() {
+    // The last value of a sequence outlives the command that made it: a sweep between
+    // commands must keep it.
+    MEV_last_value = nullptr;
+    MMM_add_root(&MEV_last_value);
     fill_legality();
     for (auto& r : MEV_dispatch) r = eval_never;
     for (int c : {CAT_BIG_INT, DOM_FLOAT, DOM_INT, DOM_RAT, DOM_COMPLEX, DOM_INTERVAL, DOM_STRING, DOM_BOOL, DOM_NULL,

@@ -440,6 +440,9 @@ void MMM_close() {
 }
 
 void MMM_shutdown() {
+    // Every registered global forgets its cell, so that a heap started later never meets
+    // a reference into this one.
+    for_each_root([](Cell* var) { *var = nullptr; });
     for (auto& pc : heap.pools) {
         while (pc.pages) free_page(pc.pages);
         pc.free_head = nullptr;

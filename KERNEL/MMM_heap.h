@@ -28,7 +28,8 @@ void MMM_init(MMM_handler poll);
 void MMM_open(uint64_t ceiling);
 void MMM_set_ceiling(uint64_t ceiling);  // 0: none
 void MMM_close();
-void MMM_shutdown();  // gives every page and big cell back; no cell may be used afterwards
+void MMM_shutdown();  // gives every page and big cell back and nulls every root variable;
+                      // no cell may be used afterwards
 MMM_handler MMM_set_memory_handler(MMM_handler fn);
 MMM_handler MMM_set_ceiling_handler(MMM_handler fn);
 MMM_handler MMM_set_poll(MMM_handler fn);

@@ -528,6 +528,9 @@ void MMM_ident_start() {
     MER_add_state({sizeof(Cell), save_frame, restore_frame, drop_frame});
     for (Cell* root : {&strings, &namespace_, &by_id, &variables, &MMM_root_frame, &MMM_current_frame})
         MMM_add_root(root);
+    by_id = nullptr;  // a former heap's table, if any, is gone; the function table makes it
+    MMM_ident_ids = nullptr;
+    MMM_ident_id_count = 0;
     strings = MMM_table_new(1000);
     variables = MMM_table_new(100);
     Cell body = MMM_new(MMM_NAMESPACE_BODY, 0, 1);

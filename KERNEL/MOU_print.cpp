@@ -56,7 +56,6 @@ void put_number(long n) { MOU_put_text(std::to_string(n)); }
 
 std::deque<Cell> separator_cells;  // stable addresses, each a root
 std::map<std::string, Cell, std::less<>> separators;
-bool separator_roots = false;
 
 }  // namespace
 
@@ -537,13 +536,10 @@ std::string MOU_to_text(Cell value) {
 }
 
 void MOU_start_walker() {
-    if (!separator_roots) {
-        separator_roots = true;
-        MMM_add_root(&MOU_statement_separator);
-        MMM_add_root(&MOU_alias_table);
-    }
-    // Cells of an earlier heap are gone: make them again.
-    for (Cell& c : separator_cells) c = nullptr;
+    // Cells of an earlier heap, and the roots that named them, are gone: start again.
+    MMM_add_root(&MOU_statement_separator);
+    MMM_add_root(&MOU_alias_table);
+    separator_cells.clear();
     separators.clear();
     MOU_alias_table = nullptr;
     MOU_statement_separator = MMM_make_string("; ");

@@ -19,13 +19,8 @@ MSE_message* queue_tail = nullptr;
 // The value of the last top-level statement, held until the next one or the end of the
 // command; registered as a root so that a sweep keeps it.
 Cell held_value = nullptr;
-bool held_value_rooted = false;
 
 void hold(Cell v) {
-    if (!held_value_rooted) {
-        MMM_add_root(&held_value);
-        held_value_rooted = true;
-    }
     MMM_release(held_value);
     held_value = v;
 }
@@ -122,6 +117,11 @@ long run_batch_source(const char* name, const std::string* text) {
 }
 
 }  // namespace
+
+void MSE_loop_start() {
+    held_value = nullptr;  // a former heap's cell, if any, is gone with it
+    MMM_add_root(&held_value);
+}
 
 // ---- the queue and the loop ----
 

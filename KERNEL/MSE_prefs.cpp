@@ -84,16 +84,6 @@ const Pref prefs[] = {
 std::array<Cell, H_CELLS> cells{};
 bool switches[H_FLOAT_FORMAT - H_CELLS] = {false, true, false, false, false, false};  // Ansi is on
 std::string texts[H_NONE - H_FLOAT_FORMAT] = {"g", ">> ", ", ", " ", "Interactive", "DomainsOnly"};
-bool rooted = false;
-
-void root_cells() {
-    if (rooted) return;
-    rooted = true;
-    for (Cell& c : cells) {
-        c = MMM_retained(&c == &cells[H_NO_PROC_REM_TAB] ? MMM_FALSE : MMM_NIL);
-        MMM_add_root(&c);
-    }
-}
 
 bool& held_switch(int h) { return switches[h - H_CELLS]; }
 std::string& held_text(int h) { return texts[h - H_FLOAT_FORMAT]; }
@@ -239,7 +229,6 @@ const Pref* find(Cell ident) {
 
 // _pref(name) reads, _pref(name = value) writes.
 Cell builtin_pref(Cell e, int, unsigned, Cell) {
-    root_cells();
     Cell a = MEV_nargs(e) == 1 ? MEV_arg(e, 1) : nullptr;
     if (!a) MER_raise(MER_ILLEGAL_ARGUMENT, "pref");
     if (MMM_is_node(a, DOM_IDENT)) {
@@ -262,7 +251,14 @@ const MFN_builtin builtins[] = {
 
 const MFN_builtin_table MSE_pref_builtins = builtins;
 
+void MSE_prefs_start() {
+    // The cells of a former heap, if any, are gone with it.
+    for (Cell& c : cells) {
+        c = MMM_retained(&c == &cells[H_NO_PROC_REM_TAB] ? MMM_FALSE : MMM_NIL);
+        MMM_add_root(&c);
+    }
+}
+
 Cell MSE_call_on_exit() {
-    root_cells();
     return cells[H_CALL_ON_EXIT];
 }

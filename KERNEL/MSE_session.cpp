@@ -167,6 +167,8 @@ void start_modules() {
     MMM_table_start();
     MCM_start();
     MTR_start();
+    MSE_loop_start();
+    MSE_prefs_start();
     MMM_ident_start();
     MFN_names_start();
     MAR_start(MSE_session.stack_size, MSE_session.prime_limit);

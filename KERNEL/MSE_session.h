@@ -165,6 +165,8 @@ void MSE_read_file(const std::string& path);
 void MSE_tick();
 void MSE_poll();
 void MSE_tidy();
+// The value the loop holds between commands starts empty in each new heap (a root).
+void MSE_loop_start();
 void MSE_recover(bool clear_error);
 void MSE_status_line();
 void MSE_add_tidy_hook(void (*fn)());
@@ -192,6 +194,8 @@ void MSE_error_report(long code, const char* text);
 // ---- preferences ----
 // `_pref`, in MSE_prefs.cpp.
 extern const MFN_builtin_table MSE_pref_builtins;
+// The preferences that hold cells start as NIL in each new heap (their roots registered).
+void MSE_prefs_start();
 // The value of the preference CallOnExit (borrowed): NIL, a callable, or a list of them.
 Cell MSE_call_on_exit();
 
