@@ -1,5 +1,5 @@
 // Structure operands: the operand rules of every category and the built-ins nops, op,
-// subsop, extnops, extop, extsubsop, type, domtype, testtype and contains.
+// subsop, extnops, extop, extsubsop, type, domtype, testtype, contains and has.
 #include "MEV_ops.h"
 #include "MEV_builtins.h"
 
@@ -664,6 +664,53 @@ void MEV_ops_start() {
 }
 
 namespace {
+
+// Categories whose operands has() looks into. Domains, frames and namespaces are left
+// out: they may hold themselves.
+bool has_parts(int category) {
+    switch (category) {
+        case DOM_RAT:
+        case DOM_COMPLEX:
+        case DOM_INTERVAL:
+        case DOM_SET:
+        case DOM_LIST:
+        case DOM_ARRAY:
+        case DOM_TABLE:
+        case DOM_EXPR:
+        case DOM_FUNC_ENV:
+        case DOM_PROC_ENV:
+        case DOM_EXEC:
+        case DOM_PROC:
+        case DOM_POLY:
+        case DOM_EXT:
+        case DOM_RPOLY:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// has(e, x): TRUE when x is e or one of its operands at any depth, operators of
+// expressions included, as the operand built-ins see them.
+Cell builtin_has(Cell e, int, unsigned, Cell) {
+    Cell x = MEV_arg(e, 2);
+    std::vector<MMM_ref> work;
+    work.emplace_back(MMM_retained(MEV_arg(e, 1)));
+    while (!work.empty()) {
+        MMM_ref c = std::move(work.back());
+        work.pop_back();
+        if (MCM_equal(c.get(), x)) return MMM_retained(MMM_TRUE);
+        const int category = MMM_category(c.get());
+        if (!has_parts(category)) continue;
+        const long n = MEV_nops(c.get());
+        for (long i = n; i >= (category == DOM_EXPR ? 0 : 1); --i) {
+            Cell o = MEV_op(c.get(), i);
+            if (o) work.emplace_back(o);
+        }
+    }
+    return MMM_retained(MMM_FALSE);
+}
+
 const MFN_builtin builtins[] = {
     {.name = "nops", .routine = builtin_nops},
     {.name = "op", .routine = builtin_op_plain},
@@ -675,6 +722,7 @@ const MFN_builtin builtins[] = {
     {.name = "domtype", .routine = builtin_domtype},
     {.name = "testtype", .routine = builtin_testtype, .raw = true},
     {.name = "contains", .routine = builtin_contains},
+    {.name = "has", .routine = builtin_has, .args = {2, 2}},
 };
 }  // namespace
 

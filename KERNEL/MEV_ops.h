@@ -1,5 +1,6 @@
 // Structure operands: nops, op, subsop, extnops, extop, extsubsop, type, domtype,
-// testtype and contains, and the per-category rules they share.
+// testtype, contains and has (does a value occur in another), and the per-category
+// rules they share.
 //
 // Positions count from 1; position 0 is the operator of an expression (and the domain of
 // a domain element). A child that is no value of the language is never handed out: a
