@@ -20,6 +20,7 @@ int MAR_poll_countdown = 1023;
 namespace {
 
 bool started = false;
+long prime_limit_started = 0;
 MAR_poll_fn poll_routine = nullptr;
 
 // Numbers the kernel acts on itself: the stack has doubled (the report gives the new
@@ -121,8 +122,11 @@ void MAR_start(long stack_size, long prime_limit) {
     pari_init_opts(size_t(stack_size), ulong(prime_limit), INIT_DFTm);
     cb_pari_err_handle = raise_pari_error;
     MAR_stack_mark = avma;
+    prime_limit_started = prime_limit;
     started = true;
 }
+
+long MAR_prime_limit() { return prime_limit_started; }
 
 void MAR_stop() {
     if (!started) return;

@@ -10,6 +10,8 @@ typedef unsigned long pari_sp;
 // Starts PARI with the session's stack size and prime limit. PARI's errors then leave
 // through the kernel's error mechanism as numbered errors.
 void MAR_start(long stack_size, long prime_limit);
+// The prime limit PARI was started with (the session's `PrimeLimit`).
+long MAR_prime_limit();
 void MAR_stop();
 bool MAR_started();
 

@@ -8,6 +8,7 @@
 #include "MAR_numbers.h"
 #include "MAR_pari.h"
 #include "MAR_functions.h"
+#include "MAR_integer.h"
 #include "MAR_modular.h"
 #include "MAR_numtext.h"
 #include "MCM_equal.h"
@@ -140,11 +141,11 @@ void install_builtins() {
     if (installed) return;
     installed = true;
     for (const MFN_builtin_table& table :
-         {MAR_canonical_builtins, MAR_function_builtins, MAR_modular_builtins, MCM_builtins, MEV_eval_builtins,
-          MEV_call_builtins, MEV_stmt_builtins, MEV_relation_builtins, MEV_proc_builtins, MEV_operand_builtins,
-          MEV_container_builtins, MEV_env_builtins, MEV_trap_builtins, MEV_slot_builtins, MOU_operator_printers,
-          MOU_statement_printers, MSE_pref_builtins,
-          MAR_number_builtins})
+         {MAR_canonical_builtins, MAR_function_builtins, MAR_integer_builtins, MAR_modular_builtins,
+          MCM_builtins, MEV_eval_builtins, MEV_call_builtins, MEV_stmt_builtins, MEV_relation_builtins,
+          MEV_proc_builtins, MEV_operand_builtins, MEV_container_builtins, MEV_env_builtins,
+          MEV_trap_builtins, MEV_slot_builtins, MOU_operator_printers, MOU_statement_printers,
+          MSE_pref_builtins, MAR_number_builtins})
         MFN_install(table);
 }
 
