@@ -18,6 +18,7 @@
 
 #include "MAR_canonical.h"
 #include "MAR_numbers.h"
+#include "MCM_equal.h"
 #include "MFN_table.h"
 #include "MMM_heap.h"
 #include "MMM_ident.h"
@@ -65,6 +66,18 @@ auto with_value(Cell c, F f) {
     auto r = f(MAR_get_raw(c));
     set_avma(av);
     return r;
+}
+
+// The order of factors in a product, for any factor record with the fields `free` (the
+// base without its sign, owned), `term`, `integer_exponent` and `number_exponent`: by
+// sign-free base, integer exponents first, then number exponents, then by the factor
+// itself. The products are sorted by it and the checker tests their order with it.
+template <typename Factor>
+bool factor_before(const Factor& a, const Factor& b) {
+    if (const int r = MCM_compare(a.free.get(), b.free.get())) return r < 0;
+    if (a.integer_exponent != b.integer_exponent) return a.integer_exponent;
+    if (a.number_exponent != b.number_exponent) return a.number_exponent;
+    return MCM_compare(a.term, b.term) < 0;
 }
 
 inline bool is_small(Cell c, long v) { return is_number(c) && MMM_category(c) == DOM_INT && MAR_small_int(c) == v; }

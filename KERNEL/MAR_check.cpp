@@ -116,15 +116,6 @@ Factor make_factor(Cell t) {
     return f;
 }
 
-// The order of factors in a product: by sign-free base, integer exponents first, then
-// number exponents, then by the factor itself.
-bool factor_before(const Factor& a, const Factor& b) {
-    if (const int r = MCM_compare(a.free.get(), b.free.get())) return r < 0;
-    if (a.integer_exponent != b.integer_exponent) return a.integer_exponent;
-    if (a.number_exponent != b.number_exponent) return a.number_exponent;
-    return MCM_compare(a.term, b.term) < 0;
-}
-
 // ---- the rules of one node ----
 
 class Checker {

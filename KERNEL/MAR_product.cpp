@@ -46,13 +46,6 @@ Factor make_factor(Cell t) {
     return f;
 }
 
-bool factor_before(const Factor& a, const Factor& b) {
-    if (const int r = MCM_compare(a.free.get(), b.free.get())) return r < 0;
-    if (a.integer_exponent != b.integer_exponent) return a.integer_exponent;
-    if (a.number_exponent != b.number_exponent) return a.number_exponent;
-    return MCM_compare(a.term, b.term) < 0;
-}
-
 // The factors and the numeric coefficient of a product under construction.
 struct ProductParts {
     Refs factors;
@@ -168,7 +161,7 @@ void collect_factors(ProductParts& p) {
     std::vector<Factor> fs;
     fs.reserve(input.size());
     for (const MMM_ref& r : input) fs.push_back(make_factor(r.get()));
-    sort_if_needed(fs, factor_before);
+    sort_if_needed(fs, factor_before<Factor>);
     for (size_t i = 0; i < fs.size();) {
         size_t j = i + 1;
         while (j < fs.size() && MCM_equal(fs[i].free.get(), fs[j].free.get())) ++j;
@@ -182,8 +175,8 @@ void sort_factors(Refs& factors) {
     std::vector<Factor> fs;
     fs.reserve(factors.size());
     for (const MMM_ref& r : factors) fs.push_back(make_factor(r.get()));
-    if (std::is_sorted(fs.begin(), fs.end(), factor_before)) return;
-    std::sort(fs.begin(), fs.end(), factor_before);
+    if (std::is_sorted(fs.begin(), fs.end(), factor_before<Factor>)) return;
+    std::sort(fs.begin(), fs.end(), factor_before<Factor>);
     Refs sorted;
     for (const Factor& f : fs) sorted.push_back(borrowed(f.term));
     factors = std::move(sorted);
